@@ -1,0 +1,1 @@
+#include "change_notification.h"

@@ -1,0 +1,1 @@
+#include "kor_jnidr_scard.h"

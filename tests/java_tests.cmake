@@ -1,0 +1,2 @@
+# One line per JUnit class (see korjnidr_java_test in CMakeLists.txt).
+korjnidr_java_test(JniFrameTest)
