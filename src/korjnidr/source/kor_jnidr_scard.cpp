@@ -1,1 +1,0 @@
-#include "kor_jnidr_scard.h"

@@ -1,0 +1,8 @@
+#include "kor_jnidr_scard.h"
+
+namespace kor::jni {
+
+void scard_get_status_change_a(c_ndr_reader&, c_ndr_writer& out) { out.finish(k_not_implemented); }
+void scard_get_status_change_w(c_ndr_reader&, c_ndr_writer& out) { out.finish(k_not_implemented); }
+
+}  // namespace kor::jni

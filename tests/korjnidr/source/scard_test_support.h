@@ -1,0 +1,98 @@
+// Helpers for C++ tests of the smart card handlers: a request builder, reply readers, and a
+// fixture that installs a fresh card service whose PC/SC entries the test sets directly.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "kor_jnidr_scard.h"
+
+namespace scard_test {
+
+using bytes = std::vector<std::uint8_t>;
+
+// Builds a request: the 16-byte type-serialization header, then the fields the test appends.
+class request {
+public:
+    request() { b_ = {0x01, 0x10, 0x08, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, 0, 0, 0, 0, 0, 0, 0, 0}; }
+    request& u32(std::uint32_t v) {
+        for (int i = 0; i < 4; ++i) b_.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+        return *this;
+    }
+    request& u32s(std::initializer_list<std::uint32_t> vs) {
+        for (auto v : vs) u32(v);
+        return *this;
+    }
+    request& u16(std::uint16_t v) {
+        b_.push_back(static_cast<std::uint8_t>(v));
+        b_.push_back(static_cast<std::uint8_t>(v >> 8));
+        return *this;
+    }
+    request& raw(const bytes& v) {
+        b_.insert(b_.end(), v.begin(), v.end());
+        return *this;
+    }
+    request& pad4() {
+        while (b_.size() % 4) b_.push_back(0);
+        return *this;
+    }
+    // Conformant byte array: count, bytes, pad.
+    request& byte_array(const bytes& v) {
+        u32(static_cast<std::uint32_t>(v.size()));
+        raw(v);
+        return pad4();
+    }
+    // Deferred handle array of count 4 holding a wire id.
+    request& handle(std::uint32_t wire) { return u32(4).u32(wire); }
+    bytes build() const {
+        bytes out = b_;
+        const auto len = static_cast<std::uint32_t>(out.size() - 16);
+        for (int i = 0; i < 4; ++i) out[8 + i] = static_cast<std::uint8_t>(len >> (8 * i));
+        return out;
+    }
+
+private:
+    bytes b_;
+};
+
+inline bytes reply_bytes(const kor::jni::c_ndr_writer& w) {
+    bytes out(w.size());
+    w.copy_to(out.data(), out.size());
+    return out;
+}
+
+inline std::uint32_t u32_at(const bytes& b, std::size_t off) {
+    return std::uint32_t{b.at(off)} | std::uint32_t{b.at(off + 1)} << 8 | std::uint32_t{b.at(off + 2)} << 16 |
+           std::uint32_t{b.at(off + 3)} << 24;
+}
+
+// Result code of a finished reply.
+inline std::uint32_t result_of(const bytes& reply) { return u32_at(reply, 16); }
+// Everything after the return code (body and pad).
+inline bytes body_of(const bytes& reply) { return bytes(reply.begin() + 20, reply.end()); }
+
+// Runs one call through the dispatcher with `owner` and returns the finished reply.
+inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) {
+    kor::jni::c_ndr_reader in(req.data(), req.size());
+    kor::jni::c_ndr_writer out;
+    kor::jni::scard_dispatch(owner, code, in, out);
+    return reply_bytes(out);
+}
+
+// Installs a fresh card service (no PC/SC library loaded, every entry null) for the test; the
+// test sets the entries it needs, e.g. service().SCardTransmit = &fake_transmit.
+class service_fixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(kor::jni::g_scard_service.load(), nullptr) << "a service is already installed";
+        kor::jni::g_scard_service.store(new kor::jni::c_scard_service());
+    }
+    void TearDown() override { delete kor::jni::g_scard_service.exchange(nullptr); }
+    kor::jni::c_scard_service& service() { return *kor::jni::g_scard_service.load(); }
+};
+
+}  // namespace scard_test
