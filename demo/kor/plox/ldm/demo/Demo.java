@@ -17,6 +17,9 @@ public final class Demo {
         try {
             System.out.println("== drive redirection in " + dir);
             files(dir);
+            System.out.println();
+            System.out.println("== change notification on " + dir);
+            changes(dir);
         } finally {
             for (String name : dir.toFile().list()) {
                 Files.deleteIfExists(dir.resolve(name));
@@ -28,6 +31,34 @@ public final class Demo {
     private static void check(boolean ok, String what, int[] err) {
         if (!ok) {
             throw new IllegalStateException(what + " failed, errno " + err[0]);
+        }
+    }
+
+    static void changes(Path dir) throws InterruptedException {
+        long watcher = NativeLDM.FSInit(0, 1);
+        try {
+            long wd = NativeLDM.FSAddWatch(watcher, dir.toString(), 0, 0x001, 42);
+            System.out.printf("watching for file name changes with tag 42 (watch descriptor %d)%n", wd);
+            Thread maker = new Thread(() -> {
+                try {
+                    Thread.sleep(100);
+                    Files.writeString(dir.resolve("made-by-another-thread.txt"), "x");
+                } catch (Exception e) {
+                    throw new IllegalStateException(e);
+                }
+            });
+            maker.start();
+            int[] tag = {0};
+            int r = NativeLDM.FSReadChanges(watcher, tag);
+            maker.join();
+            System.out.printf("FSReadChanges returned %d with tag %d after another thread created a file%n", r, tag[0]);
+            Thread waker = new Thread(() -> NativeLDM.FSRemoveWatch(watcher, null, -1, true));
+            waker.start();
+            r = NativeLDM.FSReadChanges(watcher, tag);
+            waker.join();
+            System.out.printf("FSReadChanges returned %d when another thread asked it to stop%n", r);
+        } finally {
+            NativeLDM.FSInit(watcher, 2);
         }
     }
 
