@@ -1,16 +1,20 @@
 #include "change_notification.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <future>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 using namespace kor::jni;
 
@@ -97,4 +101,36 @@ TEST(FsWatcher, OneReadReportsTheFirstEventOnly) {
     ASSERT_EQ(read_bounded(w, &tag), 1);
     EXPECT_EQ(tag, 6);
     EXPECT_TRUE(w.watches.empty());
+}
+
+// A signal that interrupts the wait ends the call with -1; a wake-up sent afterwards is still
+// there for the next call.
+TEST(FsWatcher, InterruptedWaitReturnsMinusOne) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    struct sigaction previous {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+
+    c_fs_watcher w;
+    std::int32_t tag = 42;
+    std::atomic<bool> started{false};
+    pthread_t reader_thread{};
+    auto reader = std::async(std::launch::async, [&] {
+        reader_thread = pthread_self();
+        started = true;
+        return w.read_change(&tag);
+    });
+    while (!started) std::this_thread::yield();
+    // Signal until the call ends: a signal that lands before poll is not an interruption.
+    for (int i = 0; i < 200; ++i) {
+        if (reader.wait_for(std::chrono::milliseconds(50)) == std::future_status::ready) break;
+        pthread_kill(reader_thread, SIGUSR1);
+    }
+    if (reader.wait_for(std::chrono::seconds(0)) != std::future_status::ready) w.remove_watch(-1, true);
+    EXPECT_EQ(reader.get(), -1);
+    EXPECT_EQ(tag, 42);
+
+    w.remove_watch(-1, true);
+    EXPECT_EQ(read_bounded(w, &tag), -2);
+    sigaction(SIGUSR1, &previous, nullptr);
 }
