@@ -22,14 +22,13 @@ std::uint32_t translate_protocol(std::uint32_t protocol) {
     return protocol >= 1 && protocol <= 4 ? table[protocol - 1] : 0;
 }
 
+// Character width as a type: the name buffer (2048 characters inline), the conversion of PC/SC's
+// 8-bit multi-string in that buffer, and its encoding.
 struct c_text_a {
-    using unit = char;
-    static void widen(c_inline_buffer<2048>&, std::uint32_t) {}
-    static void put(c_ndr_writer& out, const c_inline_buffer<2048>& names, std::uint32_t m) {
-        out.write_bytes(names.data, m);
-    }
-    static constexpr std::uint32_t bytes_per_unit = 1;
     using buffer = c_inline_buffer<2048>;
+    static constexpr std::uint32_t bytes_per_unit = 1;
+    static void widen(buffer&, std::uint32_t) {}
+    static void put(c_ndr_writer& out, const buffer& names, std::uint32_t m) { out.write_bytes(names.data, m); }
 };
 
 struct c_text_w {

@@ -73,7 +73,6 @@ public:
 
     SCARD_READERSTATE* data() const noexcept { return count_ ? states_ : nullptr; }
     SCARD_READERSTATE& operator[](std::uint32_t i) const noexcept { return states_[i]; }
-    std::uint32_t count() const noexcept { return count_; }
 
     static constexpr std::size_t k_inline_states = 1024 / sizeof(SCARD_READERSTATE);
 
