@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <list>
 #include <memory>
 #include <utility>
@@ -130,5 +131,29 @@ std::int32_t scard_get_owner_id();
 void scard_cancel_pending(std::int32_t owner);
 // Gives one use back; tears the service down when that was the last.
 void scard_release_use();
+// Takes one use of the live service; false (nothing taken) when there is none, or when it has no
+// owner left and is being torn down.
+bool scard_take_use();
+
+// One use of the service for a scope: taken on construction when a service is live, given back on
+// every way out, the last one tearing the service down. A failure to give it back (a mutex
+// failure) cannot be reported from a destructor and is dropped.
+class c_scard_use {
+public:
+    c_scard_use() : taken_(scard_take_use()) {}
+    ~c_scard_use() {
+        if (!taken_) return;
+        try {
+            scard_release_use();
+        } catch (...) {
+        }
+    }
+    c_scard_use(const c_scard_use&) = delete;
+    c_scard_use& operator=(const c_scard_use&) = delete;
+    explicit operator bool() const noexcept { return taken_; }
+
+private:
+    bool taken_;
+};
 
 }  // namespace kor::jni

@@ -1,0 +1,236 @@
+// JNI entry points of the smart card channel: the owner ids, the close, and the two dispatch methods
+// that hand one encoded call to its handler and return the encoded reply.
+#include <kor_plox_ldm_NativeLDM.h>
+
+#include <algorithm>
+#include <iterator>
+#include <cerrno>
+
+#include "kor_jnidr_scard.h"
+
+namespace kor::jni {
+
+namespace {
+
+// ---- dispatch table ----------------------------------------------------------------------------
+
+using c_handler = void (*)(c_ndr_reader&, c_ndr_writer&, std::int32_t owner);
+
+// Handlers that do not need the owner id.
+template <void (*Handler)(c_ndr_reader&, c_ndr_writer&)>
+void without_owner(c_ndr_reader& in, c_ndr_writer& out, std::int32_t) {
+    Handler(in, out);
+}
+
+// A call the library does not support: its return structure with every count 0 and every pointer
+// null (`Zeros` u32 fields), and the result 120. The request is not read.
+template <int Zeros>
+void unsupported(c_ndr_reader&, c_ndr_writer& out, std::int32_t) {
+    for (int i = 0; i < Zeros; ++i) out.write_u32(0);
+    out.finish(k_not_implemented);
+}
+
+struct c_dispatch_row {
+    std::uint16_t code;
+    c_handler handler;
+};
+
+constexpr c_dispatch_row k_dispatch[] = {
+    {20, scard_establish_context},
+    {24, without_owner<scard_release_context>},
+    {28, without_owner<scard_is_valid_context>},
+    {32, without_owner<scard_list_reader_groups_a>},
+    {36, without_owner<scard_list_reader_groups_w>},
+    {40, without_owner<scard_list_readers_a>},
+    {44, without_owner<scard_list_readers_w>},
+    {80, unsupported<0>},   // IntroduceReaderGroupA
+    {84, unsupported<0>},   // IntroduceReaderGroupW
+    {88, unsupported<0>},   // ForgetReaderGroupA
+    {92, unsupported<0>},   // ForgetReaderGroupW
+    {96, unsupported<0>},   // IntroduceReaderA
+    {100, unsupported<0>},  // IntroduceReaderW
+    {104, unsupported<0>},  // ForgetReaderA
+    {108, unsupported<0>},  // ForgetReaderW
+    {112, unsupported<0>},  // AddReaderToGroupA
+    {116, unsupported<0>},  // AddReaderToGroupW
+    {120, unsupported<0>},  // RemoveReaderFromGroupA
+    {124, unsupported<0>},  // RemoveReaderFromGroupW
+    {152, unsupported<2>},  // LocateCardsA: cReaders, rgReaderStates
+    {156, unsupported<2>},  // LocateCardsW
+    {160, without_owner<scard_get_status_change_a>},
+    {164, without_owner<scard_get_status_change_w>},
+    {168, without_owner<scard_cancel>},
+    {172, without_owner<scard_connect_a>},
+    {176, without_owner<scard_connect_w>},
+    {180, without_owner<scard_reconnect>},
+    {184, without_owner<scard_disconnect>},
+    {188, without_owner<scard_begin_transaction>},
+    {192, without_owner<scard_end_transaction>},
+    {196, unsupported<4>},  // State: dwState, dwProtocol, cbAtrLen, rgAtr
+    {200, without_owner<scard_status_a>},
+    {204, without_owner<scard_status_w>},
+    {208, without_owner<scard_transmit>},
+    {212, without_owner<scard_control>},
+    {216, without_owner<scard_get_attrib>},
+    {220, without_owner<scard_set_attrib>},
+    {224, without_owner<scard_access_started_event>},
+    {232, unsupported<2>},  // LocateCardsByATRA: cReaders, rgReaderStates
+    {236, unsupported<2>},  // LocateCardsByATRW
+    {240, unsupported<2>},  // ReadCacheA: cbDataLen, pbData
+    {244, unsupported<2>},  // ReadCacheW
+    {248, unsupported<0>},  // WriteCacheA
+    {252, unsupported<0>},  // WriteCacheW
+    {256, unsupported<1>},  // GetTransmitCount: cTransmitCount
+};
+
+constexpr bool strictly_increasing() {
+    for (std::size_t i = 1; i < std::size(k_dispatch); ++i)
+        if (k_dispatch[i - 1].code >= k_dispatch[i].code) return false;
+    return true;
+}
+static_assert(strictly_increasing(), "dispatch rows are sorted by code and each code appears once");
+
+// ---- the reply array ---------------------------------------------------------------------------
+
+// A Java byte array pinned with GetPrimitiveArrayCritical for the scope. Released with copy-back
+// when a range was handed out for writing, otherwise with JNI_ABORT.
+class c_critical_byte_array {
+public:
+    c_critical_byte_array(JNIEnv* env, jbyteArray array) : env_(env), array_(array) {
+        if (!array) return;
+        length_ = env->GetArrayLength(array);
+        if (env->ExceptionCheck()) throw c_jniexception("get_array_length");
+        data_ = static_cast<jbyte*>(env->GetPrimitiveArrayCritical(array, nullptr));
+        if (!data_) throw c_jniexception("get_array_critical(jbyte)");
+        touched_low_ = data_ + length_;
+        touched_high_ = data_;
+    }
+    ~c_critical_byte_array() {
+        if (data_) env_->ReleasePrimitiveArrayCritical(array_, data_, touched_low_ < touched_high_ ? 0 : JNI_ABORT);
+    }
+    c_critical_byte_array(const c_critical_byte_array&) = delete;
+    c_critical_byte_array& operator=(const c_critical_byte_array&) = delete;
+
+    jbyte* at(jsize offset, jsize count) {
+        touched_low_ = std::min(touched_low_, data_ + offset);
+        touched_high_ = std::max(touched_high_, data_ + offset + count);
+        return data_ + offset;
+    }
+
+private:
+    JNIEnv* env_;
+    jbyteArray array_;
+    jbyte* data_ = nullptr;
+    jsize length_ = 0;
+    jbyte* touched_low_ = nullptr;
+    jbyte* touched_high_ = nullptr;
+};
+
+// ---- the dispatch methods ----------------------------------------------------------------------
+
+// The reader covers clamp(length, 0, array length) bytes: a negative length reads nothing and a
+// length beyond the array is cut to the array, so nothing outside the array is ever read. An empty
+// reader still runs the handler, which fails "provide" if it needs bytes (an unknown code reads
+// nothing and yields an empty reply).
+jbyteArray dispatch(JNIEnv* env, std::int32_t owner, std::uint32_t ioctl, jbyteArray request, jint length) {
+    return exception_frame(env, jbyteArray{nullptr}, [&]() -> jbyteArray {
+        c_ndr_writer out;
+        {
+            c_scard_use use;
+            if (!use) return nullptr;
+            const jsize available = request ? env->GetArrayLength(request) : 0;
+            c_byte_array_elements bytes(env, request);
+            if (request && !bytes) return nullptr;  // GetByteArrayElements left an exception pending
+            bytes.abort_changes();                  // only read
+            c_ndr_reader in(bytes.data(), static_cast<std::size_t>(std::clamp<jint>(length, 0, available)));
+            scard_dispatch(owner, ioctl, in, out);
+        }  // the request is released, then the use is given back (the last one tears down)
+
+        const auto size = static_cast<jsize>(out.size());
+        jbyteArray reply = env->NewByteArray(size);
+        if (!reply) return nullptr;
+        if (size > 0) {  // an empty reply has nothing to copy
+            c_critical_byte_array pinned(env, reply);
+            out.copy_to(pinned.at(0, size), out.size());
+        }
+        return reply;
+    });
+}
+
+// The owner-id methods have no frame of their own to report through: an allocation or mutex
+// failure while the service is built becomes a pending OutOfMemoryError / Error, the partial
+// service is freed, the use taken is given back, and the method answers -1 (create: false with
+// id[0] = -1).
+jint get_smart_card_id(JNIEnv* env, jintArray status) {
+    return exception_frame(env, jint{-1}, [&]() -> jint {
+        c_int_array_elements st(env, status);
+        if (status && !st) return -1;
+        if (st) st[0] = 0;
+        return scard_get_owner_id();
+    });
+}
+
+}  // namespace
+
+bool scard_dispatch(std::int32_t owner, std::uint32_t ioctl, c_ndr_reader& in, c_ndr_writer& out) {
+    const auto code = static_cast<std::uint16_t>(ioctl & 0xFFFF);
+    const auto row = std::lower_bound(std::begin(k_dispatch), std::end(k_dispatch), code,
+                                      [](const c_dispatch_row& r, std::uint16_t c) { return r.code < c; });
+    if (row == std::end(k_dispatch) || row->code != code) return false;
+    row->handler(in, out, owner);
+    return true;
+}
+
+void scard_access_started_event(c_ndr_reader& in, c_ndr_writer& out) {
+    in.provide(4);
+    out.finish(0);
+}
+
+}  // namespace kor::jni
+
+using namespace kor::jni;
+
+extern "C" {
+
+JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_NativeGetSmartCardID(JNIEnv* env, jclass, jintArray status) {
+    return get_smart_card_id(env, status);
+}
+
+JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1create(JNIEnv* env, jclass, jintArray err,
+                                                                               jintArray status, jintArray id) {
+    c_int_array_elements e(env, err);
+    c_int_array_elements ids(env, id);
+    const jint r = get_smart_card_id(env, status);
+    const int saved = errno;
+    if (ids) ids[0] = r;
+    if (r >= 0) return JNI_TRUE;
+    if (e) e[0] = saved;  // the raw errno, not mapped
+    return JNI_FALSE;
+}
+
+JNIEXPORT void JNICALL Java_kor_plox_ldm_NativeLDM_NativeSmartCancelPending(JNIEnv* env, jclass, jint owner) {
+    exception_frame_void(env, [&] { scard_cancel_pending(owner); });
+}
+
+JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1close(JNIEnv* env, jclass cls, jintArray err,
+                                                                              jint owner) {
+    c_int_array_elements e(env, err);
+    if (e) e[0] = -1;
+    Java_kor_plox_ldm_NativeLDM_NativeSmartCancelPending(env, cls, owner);
+    const int saved = errno;
+    if (e) e[0] = saved;
+    return JNI_TRUE;
+}
+
+JNIEXPORT jbyteArray JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1process(JNIEnv* env, jobject, jintArray,
+                                                                                  jint owner, jint ioctl,
+                                                                                  jbyteArray request, jint length) {
+    return dispatch(env, owner, static_cast<std::uint32_t>(ioctl), request, length);
+}
+
+JNIEXPORT jbyteArray JNICALL Java_kor_plox_ldm_NativeLDM_NativeSmart(JNIEnv* env, jclass, jint owner, jshort ioctl,
+                                                                    jshort, jbyteArray request, jint length) {
+    return dispatch(env, owner, static_cast<std::uint16_t>(ioctl), request, length);
+}
+
+}  // extern "C"
