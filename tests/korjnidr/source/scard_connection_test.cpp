@@ -16,65 +16,45 @@ constexpr SCARDCONTEXT k_pcsc_context = 0x00000ABC00000DEF;
 constexpr SCARDHANDLE k_pcsc_card = 0x7000000080000001;
 constexpr std::int32_t k_owner = 5;
 
-// What the PC/SC stand-ins were last given, and what they answer.
-struct fake_card {
-    static inline LONG answer = 0;
-    static inline DWORD protocol_out = 2;
-    static inline SCARDHANDLE card_out = k_pcsc_card;
-    static inline int calls = 0;
-    static inline SCARDHANDLE handle = 0;  // context (Connect) or card (the others)
-    static inline bool name_null = false;
-    static inline std::string name;
-    static inline DWORD a = 0, b = 0, c = 0;  // share mode / disposition, protocols, initialization
-
-    static void reset() {
-        answer = 0;
-        protocol_out = 2;
-        card_out = k_pcsc_card;
-        calls = 0;
-        handle = 0;
-        name_null = false;
-        name.clear();
-        a = b = c = 0;
-    }
-    static LONG connect(SCARDCONTEXT ctx, LPCSTR reader, DWORD share, DWORD protocols, LPSCARDHANDLE card,
-                        LPDWORD active) {
-        ++calls;
-        handle = ctx;
-        name_null = reader == nullptr;
-        name = reader ? reader : "";
-        a = share;
-        b = protocols;
-        EXPECT_EQ(*card, k_no_handle);
-        EXPECT_EQ(*active, 0u);
-        if (answer == 0) {
-            *card = card_out;
-            *active = protocol_out;
-        }
-        return answer;
-    }
-    static LONG reconnect(SCARDHANDLE card, DWORD share, DWORD protocols, DWORD init, LPDWORD active) {
-        ++calls;
-        handle = card;
-        a = share;
-        b = protocols;
-        c = init;
-        if (answer == 0) *active = protocol_out;
-        return answer;
-    }
-    static LONG disconnect(SCARDHANDLE card, DWORD disposition) {
-        ++calls;
-        handle = card;
-        a = disposition;
-        return answer;
-    }
-    static LONG begin(SCARDHANDLE card) {
-        ++calls;
-        handle = card;
-        return answer;
-    }
-    static LONG end(SCARDHANDLE card, DWORD disposition) { return disconnect(card, disposition); }
+// What the PC/SC stand-ins were last given (`got`) and what they answer (the rest).
+struct fake_state {
+    LONG answer = 0;
+    DWORD protocol_out = 2;
+    SCARDHANDLE card_out = k_pcsc_card;
+    int calls = 0;
+    SCARDHANDLE handle = 0;  // context (Connect) or card (the others)
+    bool name_null = false;
+    std::string name;
+    DWORD a = 0, b = 0, c = 0;  // share mode or disposition, protocols, initialization
 };
+fake_state fake;
+
+LONG fake_connect(SCARDCONTEXT ctx, LPCSTR reader, DWORD share, DWORD protocols, LPSCARDHANDLE card, LPDWORD active) {
+    ++fake.calls;
+    fake.handle = ctx;
+    fake.name_null = reader == nullptr;
+    fake.name = reader ? reader : "";
+    fake.a = share;
+    fake.b = protocols;
+    EXPECT_EQ(*card, k_no_handle);
+    EXPECT_EQ(*active, 0u);
+    if (fake.answer == 0) *card = fake.card_out, *active = fake.protocol_out;
+    return fake.answer;
+}
+LONG fake_reconnect(SCARDHANDLE card, DWORD share, DWORD protocols, DWORD init, LPDWORD active) {
+    ++fake.calls;
+    fake.handle = card;
+    fake.a = share, fake.b = protocols, fake.c = init;
+    if (fake.answer == 0) *active = fake.protocol_out;
+    return fake.answer;
+}
+LONG fake_end(SCARDHANDLE card, DWORD disposition) {
+    ++fake.calls;
+    fake.handle = card;
+    fake.a = disposition;
+    return fake.answer;
+}
+LONG fake_begin(SCARDHANDLE card) { return fake_end(card, 0); }
 
 bytes connect_a_request(std::uint32_t context_wire, const bytes& name, std::uint32_t share = 2,
                         std::uint32_t protocols = 3) {
@@ -108,12 +88,12 @@ class ScardConnection : public scard_test::service_fixture {
 protected:
     void SetUp() override {
         service_fixture::SetUp();
-        fake_card::reset();
-        service().SCardConnect = &fake_card::connect;
-        service().SCardReconnect = &fake_card::reconnect;
-        service().SCardDisconnect = &fake_card::disconnect;
-        service().SCardBeginTransaction = &fake_card::begin;
-        service().SCardEndTransaction = &fake_card::end;
+        fake = fake_state{};
+        service().SCardConnect = &fake_connect;
+        service().SCardReconnect = &fake_reconnect;
+        service().SCardDisconnect = &fake_end;
+        service().SCardBeginTransaction = &fake_begin;
+        service().SCardEndTransaction = &fake_end;
         context_wire = service().add_context(k_owner, k_pcsc_context);
     }
     // Connects a card through ConnectA and returns its wire handle.
@@ -133,10 +113,10 @@ TEST_F(ScardConnection, ConnectAReplyAndRecords) {
                             0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0,
                             2, 0, 0, 0, 4, 0, 0, 0, 2, 0, 0, 0};
     EXPECT_EQ(reply, expected);
-    EXPECT_EQ(fake_card::handle, k_pcsc_context);
-    EXPECT_EQ(fake_card::name, "VPCD");
-    EXPECT_EQ(fake_card::a, 2u);
-    EXPECT_EQ(fake_card::b, 3u);
+    EXPECT_EQ(fake.handle, k_pcsc_context);
+    EXPECT_EQ(fake.name, "VPCD");
+    EXPECT_EQ(fake.a, 2u);
+    EXPECT_EQ(fake.b, 3u);
 
     ASSERT_EQ(service().cards.size(), 1u);
     EXPECT_EQ(service().cards.front().owner, k_owner);
@@ -168,16 +148,16 @@ TEST_F(ScardConnection, ReaderNamesReachPcscAsEightBitText) {
         SCOPED_TRACE(c.what);
         service().card_readers.clear();
         EXPECT_EQ(scard_test::result_of(scard_test::call(c.code, c.request)), 0u);
-        EXPECT_EQ(fake_card::name_null, c.name_null);
-        EXPECT_EQ(fake_card::name, c.name);
-        EXPECT_EQ(fake_card::handle, k_pcsc_context);
+        EXPECT_EQ(fake.name_null, c.name_null);
+        EXPECT_EQ(fake.name, c.name);
+        EXPECT_EQ(fake.handle, k_pcsc_context);
         ASSERT_EQ(service().card_readers.size(), 1u);
         EXPECT_EQ(std::string(service().card_readers.front().reader_name.get()), c.name);
     }
 }
 
 TEST_F(ScardConnection, ConnectFailuresRecordNothing) {
-    fake_card::answer = static_cast<LONG>(0x8010000C);
+    fake.answer = static_cast<LONG>(0x8010000C);
     bytes reply = scard_test::call(k_connect_w, connect_w_request(context_wire, {0x52, 0}));
     EXPECT_EQ(reply.size(), 40u);
     EXPECT_EQ(scard_test::result_of(reply), 0x8010000Cu);
@@ -192,68 +172,68 @@ TEST_F(ScardConnection, ConnectFailuresRecordNothing) {
     EXPECT_EQ(service().last_handle, 1u);
 
     // A name count beyond the request fails before PC/SC and before any allocation of that size.
-    service().SCardConnect = &fake_card::connect;
-    fake_card::calls = 0;
+    service().SCardConnect = &fake_connect;
+    fake.calls = 0;
     for (std::uint32_t code : {k_connect_a, k_connect_w}) {
         scard_test::request r;
         r.u32s({1, 4, 0, 2, 3, 0xFFFFFFFF, 0, 0xFFFFFFFF, 0x41414141});
         EXPECT_THROW(scard_test::call(code, r.build()), std::runtime_error);
     }
-    EXPECT_EQ(fake_card::calls, 0);
+    EXPECT_EQ(fake.calls, 0);
 }
 
 TEST_F(ScardConnection, ConnectThroughUnknownOrAbsentContextHasNoOwner) {
     for (const bytes& req : {connect_a_request(77, {'R', 0}), connect_a_request(0, {'R', 0})}) {
         EXPECT_EQ(scard_test::result_of(scard_test::call(k_connect_a, req)), 0u);
-        EXPECT_EQ(fake_card::handle, k_no_handle);
+        EXPECT_EQ(fake.handle, k_no_handle);
         EXPECT_EQ(service().cards.back().owner, 0);
     }
 }
 
 TEST_F(ScardConnection, ReconnectPassesValuesAndUpdatesTheReaderRecord) {
     const std::uint32_t card = connected_card();
-    fake_card::protocol_out = 1;
+    fake.protocol_out = 1;
     bytes reply = scard_test::call(k_reconnect, card_request(card, {2, 0x10000, 1}));
     EXPECT_EQ(scard_test::result_of(reply), 0u);
     EXPECT_EQ(scard_test::body_of(reply), (bytes{1, 0, 0, 0}));
-    EXPECT_EQ(fake_card::handle, k_pcsc_card);
-    EXPECT_EQ(fake_card::a, 2u);
-    EXPECT_EQ(fake_card::b, 0x10000u);
-    EXPECT_EQ(fake_card::c, 1u);
+    EXPECT_EQ(fake.handle, k_pcsc_card);
+    EXPECT_EQ(fake.a, 2u);
+    EXPECT_EQ(fake.b, 0x10000u);
+    EXPECT_EQ(fake.c, 1u);
     EXPECT_EQ(service().card_readers.front().protocol, 1u);
 
-    fake_card::answer = static_cast<LONG>(0x80100069);
-    fake_card::protocol_out = 3;
+    fake.answer = static_cast<LONG>(0x80100069);
+    fake.protocol_out = 3;
     reply = scard_test::call(k_reconnect, card_request(0, {2, 3, 0}));
     EXPECT_EQ(scard_test::result_of(reply), 0x80100069u);
     EXPECT_EQ(scard_test::body_of(reply), bytes(4, 0));
-    EXPECT_EQ(fake_card::handle, k_no_handle);
+    EXPECT_EQ(fake.handle, k_no_handle);
     EXPECT_EQ(service().card_readers.front().protocol, 1u);
 }
 
 TEST_F(ScardConnection, DisconnectDropsTheCardFirstAndTheReaderOnlyOnSuccess) {
     const std::uint32_t card = connected_card();
-    fake_card::answer = static_cast<LONG>(0x80100011);
+    fake.answer = static_cast<LONG>(0x80100011);
     bytes reply = scard_test::call(k_disconnect, card_request(card, {1}));
     EXPECT_EQ(scard_test::result_of(reply), 0x80100011u);
     EXPECT_EQ(reply.size(), 24u);
-    EXPECT_EQ(fake_card::handle, k_pcsc_card);
-    EXPECT_EQ(fake_card::a, 1u);
+    EXPECT_EQ(fake.handle, k_pcsc_card);
+    EXPECT_EQ(fake.a, 1u);
     EXPECT_TRUE(service().cards.empty());
     EXPECT_EQ(service().card_readers.size(), 1u);
 
     // The wire handle is gone: the second attempt hands PC/SC all ones.
-    fake_card::answer = 0;
+    fake.answer = 0;
     scard_test::call(k_disconnect, card_request(card, {0}));
-    EXPECT_EQ(fake_card::handle, k_no_handle);
+    EXPECT_EQ(fake.handle, k_no_handle);
     EXPECT_EQ(service().card_readers.size(), 1u);
 
-    fake_card::card_out = k_pcsc_card + 1;
+    fake.card_out = k_pcsc_card + 1;
     const std::uint32_t second = connected_card();
     EXPECT_EQ(service().card_readers.size(), 2u);
     EXPECT_EQ(scard_test::result_of(scard_test::call(k_disconnect, card_request(second, {3}))), 0u);
-    EXPECT_EQ(fake_card::handle, k_pcsc_card + 1);
-    EXPECT_EQ(fake_card::a, 3u);
+    EXPECT_EQ(fake.handle, k_pcsc_card + 1);
+    EXPECT_EQ(fake.a, 3u);
     ASSERT_EQ(service().card_readers.size(), 1u);
     EXPECT_EQ(service().card_readers.front().pcsc_card, k_pcsc_card);
     EXPECT_TRUE(service().cards.empty());
@@ -273,20 +253,20 @@ TEST_F(ScardConnection, Transactions) {
         {k_begin, card_request(card + 40, {0}), k_no_handle, 0},
     };
     for (const auto& c : cases) {
-        fake_card::a = 0;
-        fake_card::answer = static_cast<LONG>(0x8010000B);
+        fake.a = 0;
+        fake.answer = static_cast<LONG>(0x8010000B);
         const bytes reply = scard_test::call(c.code, c.request);
         EXPECT_EQ(scard_test::result_of(reply), 0x8010000Bu);
         EXPECT_EQ(reply.size(), 24u);
-        EXPECT_EQ(fake_card::handle, c.handle);
-        EXPECT_EQ(fake_card::a, c.disposition);
+        EXPECT_EQ(fake.handle, c.handle);
+        EXPECT_EQ(fake.a, c.disposition);
     }
 
     // A card array of count 8: its first four bytes select the card.
     scard_test::request r;
     r.u32s({4, 1, 8, 1, 0}).handle(1).u32(8).u32(card).u32(0xFFFFFFFF);
     scard_test::call(k_begin, r.build());
-    EXPECT_EQ(fake_card::handle, k_pcsc_card);
+    EXPECT_EQ(fake.handle, k_pcsc_card);
 
     service().SCardBeginTransaction = nullptr;
     EXPECT_EQ(scard_test::result_of(scard_test::call(k_begin, card_request(card, {0}))), k_not_implemented);

@@ -16,43 +16,34 @@ constexpr std::uint32_t k_allocate = 0xFFFFFFFF;
 constexpr SCARDCONTEXT k_pcsc_context = 0x1122334455667788;
 
 // A PC/SC that answers with `answer` and keeps what each call was given.
-struct fake_list {
-    struct call {
-        SCARDCONTEXT context;
-        bool groups_null;
-        bool buffer_null;
-        DWORD length_in;
-    };
-    static inline std::string answer;
-    static inline LONG fail = 0;        // returned instead of answering, when not 0
-    static inline DWORD report = 0;     // when not 0: length reported regardless of the answer
-    static inline std::vector<call> calls;
-
-    static void reset(std::string a) {
-        answer = std::move(a);
-        fail = 0;
-        report = 0;
-        calls.clear();
-    }
-    static LONG answer_into(LPSTR buffer, LPDWORD n) {
-        if (fail) return fail;
-        const DWORD needed = answer.size();
-        if (buffer) {
-            if (*n < needed) return static_cast<LONG>(k_scard_e_insufficient_buffer);
-            std::memcpy(buffer, answer.data(), needed);
-        }
-        *n = report ? report : needed;
-        return 0;
-    }
-    static LONG readers(SCARDCONTEXT c, LPCSTR groups, LPSTR buffer, LPDWORD n) {
-        calls.push_back({c, groups == nullptr, buffer == nullptr, *n});
-        return answer_into(buffer, n);
-    }
-    static LONG groups(SCARDCONTEXT c, LPSTR buffer, LPDWORD n) {
-        calls.push_back({c, true, buffer == nullptr, *n});
-        return answer_into(buffer, n);
-    }
+struct list_call {
+    SCARDCONTEXT context;
+    bool groups_null, buffer_null;
+    DWORD length_in;
 };
+struct fake_state {
+    std::string answer;
+    LONG fail = 0;    // returned instead of answering, when not 0
+    DWORD report = 0;  // when not 0: length reported regardless of the answer
+    std::vector<list_call> calls;
+};
+fake_state fake;
+
+LONG answer_into(LPSTR buffer, LPDWORD n) {
+    if (fake.fail) return fake.fail;
+    const DWORD needed = fake.answer.size();
+    if (buffer) {
+        if (*n < needed) return static_cast<LONG>(k_scard_e_insufficient_buffer);
+        std::memcpy(buffer, fake.answer.data(), needed);
+    }
+    *n = fake.report ? fake.report : needed;
+    return 0;
+}
+LONG fake_readers(SCARDCONTEXT c, LPCSTR groups, LPSTR buffer, LPDWORD n) {
+    fake.calls.push_back({c, groups == nullptr, buffer == nullptr, *n});
+    return answer_into(buffer, n);
+}
+LONG fake_groups(SCARDCONTEXT c, LPSTR buffer, LPDWORD n) { return fake_readers(c, nullptr, buffer, n); }
 
 bytes groups_request(std::uint32_t context_wire, std::uint32_t is_null, std::uint32_t cch) {
     scard_test::request r;
@@ -102,10 +93,10 @@ class ScardListing : public scard_test::service_fixture {
 protected:
     void SetUp() override {
         service_fixture::SetUp();
-        service().SCardListReaders = &fake_list::readers;
-        service().SCardListReaderGroups = &fake_list::groups;
+        service().SCardListReaders = &fake_readers;
+        service().SCardListReaderGroups = &fake_groups;
         context_wire = service().add_context(1, k_pcsc_context);
-        fake_list::reset("");
+        fake = fake_state{};
     }
     std::uint32_t context_wire = 0;
 };
@@ -113,7 +104,7 @@ protected:
 }  // namespace
 
 TEST_F(ScardListing, GroupMultistringInBothWidths) {
-    fake_list::reset(std::string("G1\0G2\0\0", 7));
+    fake.answer = std::string("G1\0G2\0\0", 7);
     const bytes a = scard_test::call(k_groups_a, groups_request(context_wire, 0, 100));
     const bytes expected_a = {0x01, 0x10, 0x08, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, 24, 0, 0, 0, 0, 0, 0, 0,
                               0, 0, 0, 0, 7, 0, 0, 0, 1, 0, 0, 0, 7, 0, 0, 0,
@@ -126,8 +117,8 @@ TEST_F(ScardListing, GroupMultistringInBothWidths) {
     EXPECT_EQ(scard_test::body_of(w),
               padded_to_8(cat(success_head(14), le16({0x47, 0x31, 0, 0x47, 0x32, 0, 0}))));
 
-    ASSERT_EQ(fake_list::calls.size(), 2u);
-    for (const auto& c : fake_list::calls) {
+    ASSERT_EQ(fake.calls.size(), 2u);
+    for (const auto& c : fake.calls) {
         EXPECT_EQ(c.context, k_pcsc_context);
         EXPECT_FALSE(c.buffer_null);
         EXPECT_EQ(c.length_in, 100u);  // the peer's count of characters, as PC/SC's count of bytes
@@ -142,7 +133,7 @@ TEST_F(ScardListing, ModesAndWhatPcscIsAsked) {
         bytes request;
         LONG fail;
         DWORD report;
-        std::vector<fake_list::call> calls;
+        std::vector<list_call> calls;
         std::uint32_t result;
         bytes body;
     } const cases[] = {
@@ -153,9 +144,6 @@ TEST_F(ScardListing, ModesAndWhatPcscIsAsked) {
         {"allocating: query, then the text", k_readers_w, readers_request(context_wire, 0, k_allocate), 0, 0,
          {{k_pcsc_context, true, true, 0}, {k_pcsc_context, true, false, 4}}, 0,
          padded_to_8(cat(success_head(8), le16({0x52, 0xFFC3, 0, 0})))},
-        {"allocating A", k_readers_a, readers_request(context_wire, 0, k_allocate), 0, 0,
-         {{k_pcsc_context, true, true, 0}, {k_pcsc_context, true, false, 4}}, 0,
-         padded_to_8(cat(success_head(4), bytes(reader.begin(), reader.end())))},
         {"allocating: a failed query makes no second call", k_readers_a,
          readers_request(context_wire, 0, k_allocate), static_cast<LONG>(0x8010002E), 0,
          {{k_pcsc_context, true, true, 0}}, 0x8010002E, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
@@ -165,8 +153,6 @@ TEST_F(ScardListing, ModesAndWhatPcscIsAsked) {
          0, {{k_no_handle, true, false, 10}}, 0x80100003, bytes(12, 0)},
         {"unknown context", k_groups_w, groups_request(99, 1, 0), static_cast<LONG>(0x80100003), 0,
          {{k_no_handle, true, true, 0}}, 0x80100003, bytes(12, 0)},
-        {"W buffer of 1500 units", k_readers_w, readers_request(context_wire, 0, 1500), 0, 0,
-         {{k_pcsc_context, true, false, 1500}}, 0, padded_to_8(cat(success_head(8), le16({0x52, 0xFFC3, 0, 0})))},
         // The buffer is sized from the request: capped at what the reply can carry (65536 bytes),
         // and PC/SC is told the capped size.
         {"huge cch in A", k_readers_a, readers_request(context_wire, 0, 0xFFFFFFFE), 0, 0,
@@ -181,24 +167,22 @@ TEST_F(ScardListing, ModesAndWhatPcscIsAsked) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        fake_list::reset(reader);
-        fake_list::fail = c.fail;
-        fake_list::report = c.report;
+        fake = fake_state{reader, c.fail, c.report, {}};
         const bytes reply = scard_test::call(c.code, c.request);
         EXPECT_EQ(scard_test::result_of(reply), c.result);
         EXPECT_EQ(scard_test::body_of(reply), c.body);
-        ASSERT_EQ(fake_list::calls.size(), c.calls.size());
+        ASSERT_EQ(fake.calls.size(), c.calls.size());
         for (std::size_t i = 0; i < c.calls.size(); ++i) {
-            EXPECT_EQ(fake_list::calls[i].context, c.calls[i].context) << i;
-            EXPECT_EQ(fake_list::calls[i].groups_null, c.calls[i].groups_null) << i;
-            EXPECT_EQ(fake_list::calls[i].buffer_null, c.calls[i].buffer_null) << i;
-            EXPECT_EQ(fake_list::calls[i].length_in, c.calls[i].length_in) << i;
+            EXPECT_EQ(fake.calls[i].context, c.calls[i].context) << i;
+            EXPECT_EQ(fake.calls[i].groups_null, c.calls[i].groups_null) << i;
+            EXPECT_EQ(fake.calls[i].buffer_null, c.calls[i].buffer_null) << i;
+            EXPECT_EQ(fake.calls[i].length_in, c.calls[i].length_in) << i;
         }
     }
 }
 
 TEST_F(ScardListing, GroupFilterIsSteppedOverAndPcscAsksForAllGroups) {
-    fake_list::reset(std::string("R\0\0", 3));
+    fake.answer = std::string("R\0\0", 3);
     const bytes filter_a = {'S', 'C', 'a', 'r', 'd', 0, 0};
     const bytes filter_w = le16({'S', 'C', 0, 0, 0});  // cBytes 10: five units, two pad bytes
     for (auto [code, filter] : {std::pair{k_readers_a, filter_a}, std::pair{k_readers_w, filter_w}}) {
@@ -208,9 +192,9 @@ TEST_F(ScardListing, GroupFilterIsSteppedOverAndPcscAsksForAllGroups) {
         req.pop_back();
         EXPECT_THROW(scard_test::call(code, req), std::runtime_error);
     }
-    ASSERT_EQ(fake_list::calls.size(), 2u);
-    EXPECT_TRUE(fake_list::calls[0].groups_null);
-    EXPECT_TRUE(fake_list::calls[1].groups_null);
+    ASSERT_EQ(fake.calls.size(), 2u);
+    EXPECT_TRUE(fake.calls[0].groups_null);
+    EXPECT_TRUE(fake.calls[1].groups_null);
 }
 
 TEST_F(ScardListing, MissingEntryAnswers120) {

@@ -15,49 +15,39 @@ constexpr std::uint32_t k_transmit = 208;
 constexpr SCARDHANDLE k_pcsc_card = 0x0000000100000002;
 constexpr std::uint32_t k_invalid_parameter = 0x80100004;
 
-// A card that answers with `response` and keeps what SCardTransmit was given.
-struct fake_transmit {
-    static inline bytes response;
-    static inline LONG answer = 0;
-    static inline DWORD report = 0;  // when not 0: received length reported regardless of response
-    static inline std::size_t pci_extra = 0;  // extra PCI bytes the test expects to be present
-    static inline int calls = 0;
-    static inline SCARDHANDLE card = 0;
-    static inline std::uint64_t pci_protocol = 0, pci_length = 0;
-    static inline bytes pci_extra_bytes;
-    static inline bool send_null = false, recv_pci_null = false, recv_null = false;
-    static inline bytes sent;
-    static inline DWORD send_length = 0, recv_length_in = 0;
-
-    static void reset() {
-        response.clear();
-        answer = 0;
-        report = 0;
-        pci_extra = 0;
-        calls = 0;
-    }
-    static LONG transmit(SCARDHANDLE h, const SCARD_IO_REQUEST* pci, LPCBYTE send, DWORD send_len,
-                         SCARD_IO_REQUEST* recv_pci, LPBYTE recv, LPDWORD recv_len) {
-        ++calls;
-        card = h;
-        std::uint64_t header[2];
-        std::memcpy(header, pci, sizeof header);
-        pci_protocol = header[0];
-        pci_length = header[1];
-        const auto* raw = reinterpret_cast<const std::uint8_t*>(pci);
-        pci_extra_bytes.assign(raw + 16, raw + 16 + pci_extra);
-        send_null = send == nullptr;
-        sent = send ? bytes(send, send + send_len) : bytes{};
-        send_length = send_len;
-        recv_pci_null = recv_pci == nullptr;
-        recv_null = recv == nullptr;
-        recv_length_in = *recv_len;
-        if (answer) return answer;
-        if (recv) std::memcpy(recv, response.data(), std::min<std::size_t>(response.size(), *recv_len));
-        *recv_len = report ? report : response.size();
-        return 0;
-    }
+// A card that answers with `response` (or fails with `answer`) and keeps what SCardTransmit got.
+struct fake_state {
+    bytes response;
+    LONG answer = 0;
+    DWORD report = 0;          // when not 0: received length reported regardless of response
+    std::size_t pci_extra = 0;  // extra PCI bytes the test expects behind the header
+    int calls = 0;
+    SCARDHANDLE card = 0;
+    std::uint64_t pci[2] = {};  // dwProtocol, cbPciLength
+    bytes pci_extra_bytes, sent;
+    bool send_null = false, recv_pci_null = false, recv_null = false;
+    DWORD send_length = 0, recv_length_in = 0;
 };
+fake_state fake;
+
+LONG fake_transmit(SCARDHANDLE h, const SCARD_IO_REQUEST* pci, LPCBYTE send, DWORD send_len,
+                   SCARD_IO_REQUEST* recv_pci, LPBYTE recv, LPDWORD recv_len) {
+    ++fake.calls;
+    fake.card = h;
+    std::memcpy(fake.pci, pci, sizeof fake.pci);
+    const auto* raw = reinterpret_cast<const std::uint8_t*>(pci);
+    fake.pci_extra_bytes.assign(raw + 16, raw + 16 + fake.pci_extra);
+    fake.send_null = send == nullptr;
+    fake.sent = send ? bytes(send, send + send_len) : bytes{};
+    fake.send_length = send_len;
+    fake.recv_pci_null = recv_pci == nullptr;
+    fake.recv_null = recv == nullptr;
+    fake.recv_length_in = *recv_len;
+    if (fake.answer) return fake.answer;
+    if (recv) std::memcpy(recv, fake.response.data(), std::min<std::size_t>(fake.response.size(), *recv_len));
+    *recv_len = fake.report ? fake.report : fake.response.size();
+    return 0;
+}
 
 constexpr std::uint8_t k_select[] = {0x00, 0xA4, 0x04, 0x00, 0x00};
 
@@ -92,8 +82,8 @@ class ScardTransmit : public scard_test::service_fixture {
 protected:
     void SetUp() override {
         service_fixture::SetUp();
-        fake_transmit::reset();
-        service().SCardTransmit = &fake_transmit::transmit;
+        fake = fake_state{};
+        service().SCardTransmit = &fake_transmit;
         service().add_context(1, 0x99);
         card_wire = service().add_card(1, k_pcsc_card);
     }
@@ -103,7 +93,7 @@ protected:
 }  // namespace
 
 TEST_F(ScardTransmit, StatusWordReply) {
-    fake_transmit::response = {0x90, 0x00};
+    fake.response = {0x90, 0x00};
     transmit_args a;
     a.card_wire = card_wire;
     const bytes reply = scard_test::call(k_transmit, transmit_request(a));
@@ -111,15 +101,15 @@ TEST_F(ScardTransmit, StatusWordReply) {
                             0, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 0x90, 0x00, 0, 0};
     EXPECT_EQ(reply, expected);
 
-    EXPECT_EQ(fake_transmit::card, k_pcsc_card);
-    EXPECT_EQ(fake_transmit::pci_protocol, 2u);
-    EXPECT_EQ(fake_transmit::pci_length, 16u);
-    EXPECT_FALSE(fake_transmit::send_null);
-    EXPECT_EQ(fake_transmit::sent, (bytes{0x00, 0xA4, 0x04, 0x00, 0x00}));
-    EXPECT_EQ(fake_transmit::send_length, 5u);
-    EXPECT_TRUE(fake_transmit::recv_pci_null);
-    EXPECT_FALSE(fake_transmit::recv_null);
-    EXPECT_EQ(fake_transmit::recv_length_in, 258u);
+    EXPECT_EQ(fake.card, k_pcsc_card);
+    EXPECT_EQ(fake.pci[0], 2u);
+    EXPECT_EQ(fake.pci[1], 16u);
+    EXPECT_FALSE(fake.send_null);
+    EXPECT_EQ(fake.sent, (bytes{0x00, 0xA4, 0x04, 0x00, 0x00}));
+    EXPECT_EQ(fake.send_length, 5u);
+    EXPECT_TRUE(fake.recv_pci_null);
+    EXPECT_FALSE(fake.recv_null);
+    EXPECT_EQ(fake.recv_length_in, 258u);
 }
 
 TEST_F(ScardTransmit, SendPciCarriesExtraBytesAfterTheHeader) {
@@ -128,20 +118,20 @@ TEST_F(ScardTransmit, SendPciCarriesExtraBytesAfterTheHeader) {
     a.protocol = 0xFFFFFFFF;  // zero-extended, not sign-extended
     a.extra = {0xAA, 0xBB, 0xCC};
     a.recv_pci = true;  // read and discarded
-    fake_transmit::pci_extra = 3;
-    fake_transmit::response = {0x6A, 0x82};
+    fake.pci_extra = 3;
+    fake.response = {0x6A, 0x82};
     EXPECT_EQ(scard_test::result_of(scard_test::call(k_transmit, transmit_request(a))), 0u);
-    EXPECT_EQ(fake_transmit::pci_protocol, 0xFFFFFFFFu);
-    EXPECT_EQ(fake_transmit::pci_length, 16u);
-    EXPECT_EQ(fake_transmit::pci_extra_bytes, (bytes{0xAA, 0xBB, 0xCC}));
-    EXPECT_EQ(fake_transmit::sent, (bytes{0x00, 0xA4, 0x04, 0x00, 0x00}));
-    EXPECT_TRUE(fake_transmit::recv_pci_null);
+    EXPECT_EQ(fake.pci[0], 0xFFFFFFFFu);
+    EXPECT_EQ(fake.pci[1], 16u);
+    EXPECT_EQ(fake.pci_extra_bytes, (bytes{0xAA, 0xBB, 0xCC}));
+    EXPECT_EQ(fake.sent, (bytes{0x00, 0xA4, 0x04, 0x00, 0x00}));
+    EXPECT_TRUE(fake.recv_pci_null);
 
     // extra_len beyond the bytes present fails in the codec, before any allocation or PC/SC call.
     a.extra_len = 0xFFFFFFF0;
-    fake_transmit::calls = 0;
+    fake.calls = 0;
     EXPECT_THROW(scard_test::call(k_transmit, transmit_request(a)), std::runtime_error);
-    EXPECT_EQ(fake_transmit::calls, 0);
+    EXPECT_EQ(fake.calls, 0);
 }
 
 namespace {
@@ -212,22 +202,22 @@ TEST_F(ScardTransmit, RepliesAndWhatReachesPcsc) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        fake_transmit::reset();
-        fake_transmit::response = c.response;
-        fake_transmit::answer = c.answer;
-        fake_transmit::report = c.report;
+        fake = fake_state{};
+        fake.response = c.response;
+        fake.answer = c.answer;
+        fake.report = c.report;
         const bytes reply = scard_test::call(k_transmit, transmit_request(c.args));
         EXPECT_EQ(scard_test::result_of(reply), c.result);
         EXPECT_EQ(scard_test::body_of(reply), c.body);
-        ASSERT_EQ(fake_transmit::calls, c.calls);
+        ASSERT_EQ(fake.calls, c.calls);
         if (!c.calls) continue;
-        EXPECT_EQ(fake_transmit::card, c.card_known ? k_pcsc_card : k_no_handle);
-        EXPECT_EQ(fake_transmit::send_null, c.send_null);
-        EXPECT_EQ(fake_transmit::recv_null, c.recv_null);
-        EXPECT_TRUE(fake_transmit::recv_pci_null);
-        EXPECT_EQ(fake_transmit::send_length, c.send_length);
-        EXPECT_EQ(fake_transmit::recv_length_in, c.recv_length_in);
-        EXPECT_EQ(fake_transmit::pci_length, 16u);
+        EXPECT_EQ(fake.card, c.card_known ? k_pcsc_card : k_no_handle);
+        EXPECT_EQ(fake.send_null, c.send_null);
+        EXPECT_EQ(fake.recv_null, c.recv_null);
+        EXPECT_TRUE(fake.recv_pci_null);
+        EXPECT_EQ(fake.send_length, c.send_length);
+        EXPECT_EQ(fake.recv_length_in, c.recv_length_in);
+        EXPECT_EQ(fake.pci[1], 16u);
     }
 }
 
