@@ -1,7 +1,9 @@
 package kor.plox.ldm;
 
+import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.IOException;
@@ -9,156 +11,137 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.attribute.FileTime;
 import java.nio.file.attribute.PosixFilePermissions;
-import java.time.Instant;
+import java.util.Arrays;
+import java.util.HashSet;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
-/** The Windows-style helpers: attribute bits, file times, modes, free space, move and length. */
+/** The Windows-style helpers, the listing, the version check and the inert entry points. */
 class DriveHelperTest {
-    static final long EPOCH_AS_FILE_TIME = 116444736000000000L;
+    static final long EPOCH = 116444736000000000L; // 1970-01-01 as a file time
 
     @TempDir Path dir;
     final int[] attributes = {-1};
     final long[] creation = {-1}, access = {-1}, write = {-1};
 
-    boolean attrib(Path p) {
-        return NativeLDM.NativeGetFileAttrib(p.toString(), attributes, creation, access, write);
-    }
-
-    static void setMode(Path p, String mode) throws IOException {
-        Files.setPosixFilePermissions(p, PosixFilePermissions.fromString(mode));
+    int attrib(String path) {
+        assertTrue(NativeLDM.NativeGetFileAttrib(path, attributes, creation, access, write), path);
+        return attributes[0];
     }
 
     static String mode(Path p) throws IOException {
         return PosixFilePermissions.toString(Files.getPosixFilePermissions(p));
     }
 
+    static void mode(Path p, String m) throws IOException {
+        Files.setPosixFilePermissions(p, PosixFilePermissions.fromString(m));
+    }
+
+    boolean setAttr(Path p, int which, long lastWrite, int attributes) {
+        return NativeLDM.NativeSetFileAttr(p.toString(), which, lastWrite, 1, 2, 3, attributes);
+    }
+
     @Test
     void attributesAndFileTimes() throws IOException {
         Path f = Files.writeString(dir.resolve("plain.txt"), "x");
-        Files.setLastModifiedTime(f, FileTime.from(Instant.ofEpochSecond(1, 500_000_000)));
-        Files.setAttribute(f, "lastAccessTime", FileTime.from(Instant.ofEpochSecond(2, 250_000_000)));
-        assertTrue(attrib(f));
-        assertEquals(0x80, attributes[0], "writable, visible regular file: normal only");
+        Files.setLastModifiedTime(f, FileTime.fromMillis(1500));
+        Files.setAttribute(f, "lastAccessTime", FileTime.fromMillis(2250));
+        assertEquals(0x80, attrib(f.toString()));
         assertEquals(0, creation[0]);
         assertEquals(116444736015000000L, write[0]);
         assertEquals(116444736022500000L, access[0]);
-
         Path cache = Files.createDirectory(dir.resolve(".cache"));
-        assertTrue(attrib(cache));
-        assertEquals(0x12, attributes[0]);
-        Path hiddenFile = Files.writeString(dir.resolve(".profile"), "");
-        assertTrue(attrib(hiddenFile));
-        assertEquals(0x2, attributes[0]);
-        // Only the last component counts, and a trailing slash is never hidden.
-        Path inside = Files.writeString(cache.resolve("file"), "");
-        assertTrue(attrib(inside));
-        assertEquals(0x80, attributes[0]);
-        assertTrue(NativeLDM.NativeGetFileAttrib(cache + "/", attributes, creation, access, write));
-        assertEquals(0x10, attributes[0]);
-        assertTrue(NativeLDM.NativeGetFileAttrib(cache + "/..", attributes, creation, access, write));
-        assertEquals(0x12, attributes[0]);
-
+        assertEquals(0x12, attrib(cache.toString()));
+        assertEquals(0x10, attrib(cache + "/"), "a trailing slash is never hidden");
+        assertEquals(0x80, attrib(Files.createFile(cache.resolve("in")).toString()), "only the last component");
         attributes[0] = 5;
-        write[0] = 6;
-        assertFalse(attrib(dir.resolve("missing")));
+        assertFalse(NativeLDM.NativeGetFileAttrib(dir + "/missing", attributes, creation, access, write));
         assertFalse(NativeLDM.NativeGetFileAttrib(f + "\uD800", attributes, creation, access, write));
         assertEquals(5, attributes[0], "arrays written on failure");
-        assertEquals(6, write[0]);
     }
 
     @Test
-    void modificationTimeIsSetAndAccessTimeKept() throws IOException {
-        Path f = Files.writeString(dir.resolve("f"), "x");
-        FileTime accessed = FileTime.from(Instant.ofEpochSecond(1_600_000_000L, 123_456_000));
+    void setFileAttrChangesWriteBitsAndModificationTime() throws IOException {
+        Path f = Files.writeString(dir.resolve("f"), "x"), d = Files.createDirectory(dir.resolve("d"));
+        FileTime accessed = FileTime.fromMillis(1_600_000_000_123L);
         Files.setAttribute(f, "lastAccessTime", accessed);
-        assertTrue(NativeLDM.NativeSetFileAttr(f.toString(), 0x2, EPOCH_AS_FILE_TIME, 1, 2, 3, 0));
+        assertTrue(setAttr(f, 0x2, EPOCH, 0));
         assertEquals(FileTime.fromMillis(0), Files.getLastModifiedTime(f));
         assertEquals(accessed, Files.getAttribute(f, "lastAccessTime"));
 
-        // Sub-second parts of the requested time are dropped.
-        assertTrue(NativeLDM.NativeSetFileAttr(f.toString(), 0x2, 116444736015000000L, 0, 0, 0, 0x1));
-        assertEquals(FileTime.fromMillis(1000), Files.getLastModifiedTime(f));
-        assertEquals("rw-r--r--", mode(f), "which 0x2 alone leaves the mode");
-
-        assertFalse(NativeLDM.NativeSetFileAttr(dir.resolve("missing").toString(), 0x2, EPOCH_AS_FILE_TIME, 0, 0, 0,
-                0));
-    }
-
-    @Test
-    void readOnlyAttributeChangesWriteBitsOnly() throws IOException {
-        Path f = Files.writeString(dir.resolve("f"), "x");
-        setMode(f, "rw-rw-r--");
-        assertTrue(NativeLDM.NativeSetFileAttr(f.toString(), 0x1, 0, 0, 0, 0, 0x1));
+        mode(f, "rw-rw-r--");
+        assertTrue(setAttr(f, 0x1, 0, 0x1));
         assertEquals("r--r--r--", mode(f));
-        assertTrue(NativeLDM.NativeSetFileAttr(f.toString(), 0x1, 0, 0, 0, 0, 0));
-        assertEquals("rw-r--r--", mode(f), "writable adds the owner's write bit only");
-
-        Path d = Files.createDirectory(dir.resolve("d"));
-        setMode(d, "rwxrwxr-x");
-        assertTrue(NativeLDM.NativeSetFileAttr(d.toString(), 0x1, 0, 0, 0, 0, 0x1));
+        assertTrue(setAttr(f, 0x1, 0, 0));
+        assertEquals("rw-r--r--", mode(f), "writable adds the owner's bit only");
+        mode(d, "rwxrwxr-x");
+        assertTrue(setAttr(d, 0x1, 0, 0x1));
         assertEquals("rwxr-xr-x", mode(d), "a directory keeps its owner write bit");
-
-        // Set-id and execute bits pass through.
-        setMode(f, "rwxrwxrwx");
         Files.setAttribute(f, "unix:mode", 04777);
-        assertTrue(NativeLDM.NativeSetFileAttr(f.toString(), 0x1, 0, 0, 0, 0, 0x1));
+        assertTrue(setAttr(f, 0x3, EPOCH + 25_000_000, 0x1)); // 2.5 s: the sub-second part is dropped
+        assertEquals(0104555, Files.getAttribute(f, "unix:mode"), "set-id and execute bits pass");
+        assertEquals(FileTime.fromMillis(2000), Files.getLastModifiedTime(f));
+
+        assertTrue(setAttr(f, 0, EPOCH + 50_000_000, 0), "which 0 changes nothing");
+        assertFalse(NativeLDM.NativeSetFileAttr(f + "\uD800", 0x3, EPOCH + 50_000_000, 0, 0, 0, 0));
+        assertFalse(setAttr(dir.resolve("missing"), 0x2, EPOCH, 0));
         assertEquals(0104555, Files.getAttribute(f, "unix:mode"));
-
-        // which 0 changes nothing, whatever the other arguments say.
-        setMode(f, "rw-rw-rw-");
-        Files.setLastModifiedTime(f, FileTime.fromMillis(5000));
-        assertTrue(NativeLDM.NativeSetFileAttr(f.toString(), 0, EPOCH_AS_FILE_TIME, 0, 0, 0, 0x1));
-        assertEquals("rw-rw-rw-", mode(f));
-        assertEquals(FileTime.fromMillis(5000), Files.getLastModifiedTime(f));
-
-        assertFalse(NativeLDM.NativeSetFileAttr(dir.resolve("missing").toString(), 0x1, 0, 0, 0, 0, 0x1));
-        // An unconvertible path is refused even when nothing would be changed.
-        assertFalse(NativeLDM.NativeSetFileAttr(f + "\uD800", 0, 0, 0, 0, 0, 0));
-        assertFalse(NativeLDM.NativeSetFileAttr(f + "\uD800", 0x3, EPOCH_AS_FILE_TIME, 0, 0, 0, 0x1));
-        assertEquals("rw-rw-rw-", mode(f));
-        assertEquals(FileTime.fromMillis(5000), Files.getLastModifiedTime(f));
+        assertEquals(FileTime.fromMillis(2000), Files.getLastModifiedTime(f));
     }
 
     @Test
-    void diskFreeSpaceInOneByteSectors() {
-        int[] sectorsPerCluster = {0}, bytesPerSector = {0};
+    void diskSpaceMoveAndEndOfFile() throws IOException {
+        int[] sectors = {0}, bytesPerSector = {0};
         long[] free = {-1}, total = {-1};
-        assertTrue(NativeLDM.NativeGetDiskFreeSpace(dir.toString(), sectorsPerCluster, bytesPerSector, free, total));
+        assertTrue(NativeLDM.NativeGetDiskFreeSpace(dir.toString(), sectors, bytesPerSector, free, total));
         assertEquals(1, bytesPerSector[0]);
-        assertTrue(sectorsPerCluster[0] >= 512 && Integer.bitCount(sectorsPerCluster[0]) == 1);
-        assertTrue(total[0] > 0 && free[0] >= 0 && free[0] <= total[0]);
-        long usable = dir.toFile().getUsableSpace() / sectorsPerCluster[0];
-        assertTrue(free[0] >= usable, "f_bfree counts the reserved blocks too");
+        assertTrue(free[0] >= dir.toFile().getUsableSpace() / sectors[0] && free[0] <= total[0], "f_bfree");
+        assertFalse(NativeLDM.NativeGetDiskFreeSpace(dir + "\uD800", sectors, bytesPerSector, free, total));
 
-        bytesPerSector[0] = 9;
-        assertFalse(NativeLDM.NativeGetDiskFreeSpace(dir + "/missing", sectorsPerCluster, bytesPerSector, free,
-                total));
-        assertFalse(NativeLDM.NativeGetDiskFreeSpace(dir + "\uD800", sectorsPerCluster, bytesPerSector, free, total));
-        assertEquals(9, bytesPerSector[0]);
+        Path a = Files.writeString(dir.resolve("a"), "from a"), b = Files.writeString(dir.resolve("b"), "old b");
+        assertTrue(NativeLDM.NativeMoveFile(a.toString(), b.toString()));
+        assertEquals("from a", Files.readString(b), "the target is replaced");
+        assertFalse(NativeLDM.NativeMoveFile(a.toString(), b.toString()));
+        assertFalse(NativeLDM.NativeMoveFile(b.toString(), a + "\uD800"));
+        assertTrue(NativeLDM.NativeSetEndOfFile(b.toString(), 8));
+        assertEquals("from a\0\0", Files.readString(b));
+        assertTrue(NativeLDM.NativeSetEndOfFile(b.toString(), 2));
+        assertFalse(NativeLDM.NativeSetEndOfFile(b + "\uD800", 0), "its prefix names b");
+        assertEquals("fr", Files.readString(b));
     }
 
     @Test
-    void moveAndEndOfFile() throws IOException {
-        Path a = Files.writeString(dir.resolve("a"), "from a");
-        Path b = Files.writeString(dir.resolve("b"), "old b");
-        assertTrue(NativeLDM.NativeMoveFile(a.toString(), b.toString()));
-        assertEquals("from a", Files.readString(b));
-        assertFalse(Files.exists(a));
-        assertFalse(NativeLDM.NativeMoveFile(a.toString(), b.toString()));
-        assertFalse(NativeLDM.NativeMoveFile(b + "\uD800", a.toString()));
-        assertFalse(NativeLDM.NativeMoveFile(b.toString(), a + "\uD800"));
-        assertFalse(Files.exists(a));
-        assertEquals("from a", Files.readString(b));
+    void listingDropsTwoCharactersAndTheDots() throws IOException {
+        Files.createFile(dir.resolve(".h"));
+        Files.createDirectory(dir.resolve("sub"));
+        String[] names = NativeLDM.NativeListFiles(dir + "/*");
+        Arrays.sort(names);
+        assertArrayEquals(new String[] {".h", "sub"}, names);
+        assertEquals(0, NativeLDM.NativeListFiles(dir + "/sub/*").length);
+        for (String none : new String[] {dir + "/missing/*", "", "/", "/*", dir + "/\uD800"})
+            assertNull(NativeLDM.NativeListFiles(none), none);
+    }
 
-        assertTrue(NativeLDM.NativeSetEndOfFile(b.toString(), 10));
-        assertEquals("from a\0\0\0\0", Files.readString(b));
-        assertTrue(NativeLDM.NativeSetEndOfFile(b.toString(), 2));
-        assertEquals("fr", Files.readString(b));
-        assertFalse(NativeLDM.NativeSetEndOfFile(b.toString(), -1));
-        assertFalse(NativeLDM.NativeSetEndOfFile(a.toString(), 0));
-        // The prefix names b: a cut-short conversion would empty it.
-        assertFalse(NativeLDM.NativeSetEndOfFile(b + "\uD800", 0));
-        assertEquals("fr", Files.readString(b));
+    @Test
+    void listsAHundredThousandEntries() throws IOException {
+        // Registered behind jni_local_refs_guard.sh: one local reference per name would be reported.
+        Path big = Files.createDirectory(dir.resolve("big"));
+        for (int n = 0; n < 100_000; n++) Files.createFile(big.resolve("n" + n));
+        String[] names = NativeLDM.NativeListFiles(big + "/*");
+        assertEquals(100_000, new HashSet<>(Arrays.asList(names)).size());
+        try (var entries = Files.newDirectoryStream(big)) { // faster than @TempDir's clean-up
+            for (Path p : entries) Files.delete(p);
+        }
+    }
+
+    @Test
+    void versionAndInertEntryPoints() {
+        assertTrue(NativeLDM.NativeCheckVersion("2.0.0b"));
+        for (String other : new String[] {"2.0.0B", " 2.0.0b", "2.0.0", "2.0.0bb", "", "2.0.0b\0", "2.0.0b\uD800"})
+            assertFalse(NativeLDM.NativeCheckVersion(other), other);
+        assertEquals(0, NativeLDM.NativeWinOpen() | NativeLDM.NativeWinDevice() | NativeLDM.NativeWinRead()
+                | NativeLDM.NativeWinWrite() | NativeLDM.SetErrorMode());
+        NativeLDM.NativeWinClose();
+        NativeLDM.NativeCheckpoint();
     }
 }
