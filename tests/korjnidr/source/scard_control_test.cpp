@@ -104,7 +104,7 @@ bytes array_body(const bytes& value) {
     return b;
 }
 
-class Control : public scard_test::service_fixture {
+class ScardControl : public scard_test::service_fixture {
 protected:
     void SetUp() override {
         service_fixture::SetUp();
@@ -118,7 +118,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Control, ControlReplies) {
+TEST_F(ScardControl, ControlReplies) {
     const bytes input = {0x01, 0x02, 0x03, 0x04, 0x05};
     struct {
         bytes returned;
@@ -147,7 +147,7 @@ TEST_F(Control, ControlReplies) {
     }
 }
 
-TEST_F(Control, LengthsFromTheRequestAreChecked) {
+TEST_F(ScardControl, LengthsFromTheRequestAreChecked) {
     const bytes input = {0x01, 0x02, 0x03};
     // An input length beyond the bytes received, or without an array, is refused unheard.
     struct {
@@ -179,7 +179,7 @@ TEST_F(Control, LengthsFromTheRequestAreChecked) {
     EXPECT_EQ(fake.length, 66560u);
 }
 
-TEST_F(Control, SetAttrib) {
+TEST_F(ScardControl, SetAttrib) {
     const bytes value = {0x10, 0x20, 0x30, 0x40};
     bytes reply = run(scard_set_attrib, set_attrib_call(4, &value));
     EXPECT_EQ(reply.size(), 24u);
@@ -202,7 +202,7 @@ TEST_F(Control, SetAttrib) {
     EXPECT_EQ(scard_test::result_of(run(scard_set_attrib, set_attrib_call(4, &value))), 120u);
 }
 
-TEST_F(Control, GetAttribFromPcsc) {
+TEST_F(ScardControl, GetAttribFromPcsc) {
     fake.reply = {0xDE, 0xAD, 0xBE, 0xEF};
     struct {
         bool length_only;
@@ -237,7 +237,7 @@ TEST_F(Control, GetAttribFromPcsc) {
     EXPECT_EQ(scard_test::result_of(run(scard_get_attrib, get_attrib_call(0x00010100, false, 8))), 120u);
 }
 
-TEST_F(Control, GetAttribFallbackFromTheReaderRecord) {
+TEST_F(ScardControl, GetAttribFallbackFromTheReaderRecord) {
     fake.answer = static_cast<LONG>(0x8010001F);
     service().add_reader(k_card, 2, "R1");
     struct {

@@ -89,7 +89,7 @@ bytes run(void (*handler)(c_ndr_reader&, c_ndr_writer&), const bytes& req) {
     return scard_test::reply_bytes(out);
 }
 
-class StatusChange : public scard_test::service_fixture {
+class ScardStatusChange : public scard_test::service_fixture {
 protected:
     void SetUp() override {
         service_fixture::SetUp();
@@ -100,7 +100,7 @@ protected:
 
 }  // namespace
 
-TEST_F(StatusChange, OneReaderRoundTrip) {
+TEST_F(ScardStatusChange, OneReaderRoundTrip) {
     request r = status_change_call(0, 1, 1);
     state_element(r, true, 0, 36);
     name_a(r, {0x52, 0x31, 0x00});
@@ -126,7 +126,7 @@ TEST_F(StatusChange, OneReaderRoundTrip) {
     EXPECT_EQ(scard_test::body_of(reply), expected);
 }
 
-TEST_F(StatusChange, FailuresCarryTheCodeAndAnEmptyArray) {
+TEST_F(ScardStatusChange, FailuresCarryTheCodeAndAnEmptyArray) {
     struct {
         LONG answer;
         bool entry;
@@ -149,7 +149,7 @@ TEST_F(StatusChange, FailuresCarryTheCodeAndAnEmptyArray) {
     }
 }
 
-TEST_F(StatusChange, ValuesReachPcscZeroExtended) {
+TEST_F(ScardStatusChange, ValuesReachPcscZeroExtended) {
     service().add_context(1, 0x1234567890ULL);
     request r = status_change_call(0xFFFFFFFF, 1, 1, 1);
     state_element(r, false, 0x80000001u, 0xFFFFFFFF);
@@ -164,7 +164,7 @@ TEST_F(StatusChange, ValuesReachPcscZeroExtended) {
     EXPECT_EQ(scard_test::u32_at(reply, 20 + 20), 0xFFFFFFFFu);  // cbAtr back as PC/SC left it
 }
 
-TEST_F(StatusChange, NamesAreTerminatedAndNarrowed) {
+TEST_F(ScardStatusChange, NamesAreTerminatedAndNarrowed) {
     struct {
         bool wide;
         std::vector<std::uint16_t> chars;  // bytes for A
@@ -193,7 +193,7 @@ TEST_F(StatusChange, NamesAreTerminatedAndNarrowed) {
     }
 }
 
-TEST_F(StatusChange, ReaderCountAgainstTheArray) {
+TEST_F(ScardStatusChange, ReaderCountAgainstTheArray) {
     // cReaders 0 without an array is the normal empty call: PC/SC gets a null array.
     bytes reply = run(scard_get_status_change_a, status_change_call(0, 0, 0).build());
     EXPECT_EQ(seen.calls, 1);
@@ -223,7 +223,7 @@ TEST_F(StatusChange, ReaderCountAgainstTheArray) {
     EXPECT_EQ(scard_test::u32_at(reply, 20 + 12), 7u);
 }
 
-TEST_F(StatusChange, ManyReadersTakeTheHeapPath) {
+TEST_F(ScardStatusChange, ManyReadersTakeTheHeapPath) {
     constexpr std::uint32_t n = 40;
     request r = status_change_call(0, n, n);
     for (std::uint32_t i = 0; i < n; ++i) state_element(r, i % 3 != 0, i, i);
@@ -240,7 +240,7 @@ TEST_F(StatusChange, ManyReadersTakeTheHeapPath) {
     EXPECT_EQ(reply.size(), 16u + 16u + 48u * n);
 }
 
-TEST_F(StatusChange, MalformedRequestsNeverReachPcsc) {
+TEST_F(ScardStatusChange, MalformedRequestsNeverReachPcsc) {
     auto failure = [](const bytes& req, bool wide) -> std::string {
         try {
             run(wide ? scard_get_status_change_w : scard_get_status_change_a, req);
@@ -296,7 +296,7 @@ LONG fake_cancel(SCARDCONTEXT context) {
 }
 }  // namespace
 
-TEST_F(StatusChange, CancelFromAnotherThreadEndsABlockedWait) {
+TEST_F(ScardStatusChange, CancelFromAnotherThreadEndsABlockedWait) {
     service().SCardGetStatusChange = &blocking_get_status_change;
     service().SCardCancel = &fake_cancel;
     const std::uint32_t wire = service().add_context(1, 0x77);

@@ -70,7 +70,7 @@ bytes concat(bytes a, const bytes& b) {
     return a;
 }
 
-class Status : public scard_test::service_fixture {
+class ScardStatus : public scard_test::service_fixture {
 protected:
     void SetUp() override {
         service_fixture::SetUp();
@@ -82,7 +82,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Status, FixedModeRepliesInBothWidths) {
+TEST_F(ScardStatus, FixedModeRepliesInBothWidths) {
     bytes reply = run(scard_status_a, status_call(0, 100));
     ASSERT_EQ(script.calls.size(), 1u);
     EXPECT_EQ(script.calls[0].card, SCARDHANDLE{0xCA4D});
@@ -99,7 +99,7 @@ TEST_F(Status, FixedModeRepliesInBothWidths) {
               concat(success_head(8, 2), {0x52, 0, 0x31, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
-TEST_F(Status, AllocatingModeSizesFirst) {
+TEST_F(ScardStatus, AllocatingModeSizesFirst) {
     script.name = "ABCDEFGH";  // PC/SC reports 9
     const bytes reply = run(scard_status_a, status_call(0, 0xFFFFFFFF));
     ASSERT_EQ(script.calls.size(), 2u);
@@ -115,7 +115,7 @@ TEST_F(Status, AllocatingModeSizesFirst) {
     EXPECT_EQ(wide[76 + 14], 'H');
 }
 
-TEST_F(Status, AllocatingModeNeedsTheInsufficientBufferAnswer) {
+TEST_F(ScardStatus, AllocatingModeNeedsTheInsufficientBufferAnswer) {
     struct {
         LONG sizing_answer;
         bool entry;
@@ -135,7 +135,7 @@ TEST_F(Status, AllocatingModeNeedsTheInsufficientBufferAnswer) {
     }
 }
 
-TEST_F(Status, LengthOnlyMode) {
+TEST_F(ScardStatus, LengthOnlyMode) {
     script.name = "R1";
     bytes reply = run(scard_status_a, status_call(1, 50));
     ASSERT_EQ(script.calls.size(), 1u);
@@ -148,7 +148,7 @@ TEST_F(Status, LengthOnlyMode) {
     EXPECT_EQ(scard_test::body_of(reply), concat(success_head(8, 2), bytes(12, 0)));
 }
 
-TEST_F(Status, SmallAndHostileFixedLengthsStayInsideTheBuffer) {
+TEST_F(ScardStatus, SmallAndHostileFixedLengthsStayInsideTheBuffer) {
     struct {
         std::uint32_t cch;
         DWORD offered;
@@ -168,7 +168,7 @@ TEST_F(Status, SmallAndHostileFixedLengthsStayInsideTheBuffer) {
     }
 }
 
-TEST_F(Status, ProtocolTranslationAndState) {
+TEST_F(ScardStatus, ProtocolTranslationAndState) {
     const std::pair<DWORD, std::uint32_t> table[] = {{0, 0}, {1, 1}, {2, 2}, {3, 0}, {4, 0x10000}, {8, 0}, {0x10000, 0}};
     for (const auto& [pcsc, sent] : table) {
         script.protocol = pcsc;
@@ -178,7 +178,7 @@ TEST_F(Status, ProtocolTranslationAndState) {
     }
 }
 
-TEST_F(Status, FailuresAndUnknownCards) {
+TEST_F(ScardStatus, FailuresAndUnknownCards) {
     script.answer = static_cast<LONG>(0x80100069);  // card removed
     bytes reply = run(scard_status_w, status_call(0, 10));
     EXPECT_EQ(scard_test::result_of(reply), 0x80100069u);
