@@ -6,6 +6,7 @@ import java.nio.file.Path;
 import java.util.Arrays;
 
 import kor.plox.ldm.NativeLDM;
+import kor.plox.ldm.Rdpesc;
 
 /** Uses the library from a real JVM the way the redirection client does, and says what happened. */
 public final class Demo {
@@ -20,6 +21,9 @@ public final class Demo {
             System.out.println();
             System.out.println("== change notification on " + dir);
             changes(dir);
+            System.out.println();
+            System.out.println("== smart card session through PC/SC");
+            smartCard();
         } finally {
             for (String name : dir.toFile().list()) {
                 Files.deleteIfExists(dir.resolve(name));
@@ -60,6 +64,77 @@ public final class Demo {
         } finally {
             NativeLDM.FSInit(watcher, 2);
         }
+    }
+
+    static final String READER = "Virtual PCD 00 00";
+    static final NativeLDM LDM = new NativeLDM();
+
+    static Rdpesc.Reply call(int owner, String what, int code, byte[] request) {
+        byte[] reply = LDM.m_native_scard_process(null, owner, code, request, request.length);
+        Rdpesc.Reply r = Rdpesc.reply(reply);
+        System.out.printf("%-22s -> %3d reply bytes, result 0x%08X%n", what, reply.length, r.result());
+        return r;
+    }
+
+    static void smartCard() {
+        int[] err = {0};
+        int[] status = {0};
+        int[] id = {0};
+        if (!NativeLDM.m_native_scard_create(err, status, id)) {
+            System.out.println("PC/SC library not available (errno " + err[0] + ")");
+            return;
+        }
+        int owner = id[0];
+        System.out.println("owner id " + owner);
+        try {
+            Rdpesc.Reply r = call(owner, "EstablishContext", Rdpesc.ESTABLISH_CONTEXT, Rdpesc.call().u32(2).build());
+            r.u32();
+            r.u32();
+            int context = le32(r.array());
+            System.out.println("  context wire handle " + context);
+
+            r = call(owner, "ListReadersA", Rdpesc.LIST_READERS_A,
+                    Rdpesc.call().u32(4, 1, 0, 0, 0, -1).handle(context).build());
+            r.u32();
+            r.u32();
+            String readers = new String(r.array(), StandardCharsets.ISO_8859_1);
+            System.out.println("  readers: " + Arrays.toString(readers.split("\0")));
+            if (!readers.contains(READER)) {
+                System.out.println("  (no virtual card reader here: start one with tests/realstack/with_pcscd.sh)");
+                return;
+            }
+
+            r = call(owner, "ConnectA (T=1)", Rdpesc.CONNECT_A,
+                    Rdpesc.call().u32(1, 4, 1, 2, 2).stringA(READER).handle(context).build());
+            r.u32();
+            r.u32();
+            r.u32();
+            r.u32();
+            int protocol = r.u32();
+            int card = le32(r.array());
+            System.out.printf("  card wire handle %d, protocol %d%n", card, protocol);
+
+            byte[] apdu = {0x00, (byte) 0xA4, 0x04, 0x00, 0x00};
+            r = call(owner, "Transmit 00A4040000", Rdpesc.TRANSMIT,
+                    Rdpesc.call().u32(4, 1, 4, 1, protocol, 0, 0, apdu.length, 1, 0, 0, 258)
+                            .handle(context).handle(card).bytes(apdu).build());
+            r.u32();
+            int n = r.u32();
+            r.u32();
+            System.out.println("  card answered " + (n > 0 ? Rdpesc.hex(r.array()) : "nothing"));
+
+            call(owner, "Disconnect (leave)", 0x000900B8,
+                    Rdpesc.call().u32(4, 1, 4, 1, 0).handle(context).handle(card).build());
+            call(owner, "ReleaseContext", Rdpesc.RELEASE_CONTEXT, Rdpesc.call().u32(4, 1).handle(context).build());
+        } finally {
+            NativeLDM.m_native_scard_close(err, owner);
+            System.out.println("owner " + owner + " closed");
+        }
+    }
+
+    /** A wire handle: the first four bytes of a handle array, little-endian. */
+    static int le32(byte[] b) {
+        return b.length < 4 ? -1 : (b[0] & 0xFF) | (b[1] & 0xFF) << 8 | (b[2] & 0xFF) << 16 | (b[3] & 0xFF) << 24;
     }
 
     static void files(Path dir) {
