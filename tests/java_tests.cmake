@@ -2,8 +2,7 @@
 korjnidr_java_test(JniFrameTest)
 korjnidr_java_test(ChangeNotificationTest)
 korjnidr_java_test(DriveDescriptorTest)
-korjnidr_java_test(DrivePathTest)
-korjnidr_java_test(DriveHelperTest WRAPPER bash ${CMAKE_CURRENT_SOURCE_DIR}/jni_local_refs_guard.sh)
+korjnidr_java_test(DriveHelperTest)
 korjnidr_java_test(DrivePermissionTest WRAPPER bash ${CMAKE_CURRENT_SOURCE_DIR}/as_unprivileged.sh)
 # Smart card entry points against the PC/SC stand-in variants (tests/pcsc_standin).
 korjnidr_java_test(ScardStandinTest ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/full
