@@ -1,46 +1,30 @@
 #include <cstring>
 #include <string>
-#include <vector>
 
-#include "scard_test_support.h"
+#include "scard_fakes.h"
 
 using namespace kor::jni;
-using scard_test::bytes;
-using scard_test::request;
+using namespace scard_test;
 
 namespace {
 
-// The fake SCardStatus answers from `script`: the name it reports (and writes when the offered
-// length suffices), its protocol and ATR; it records every call's arguments.
-struct c_status_call {
-    SCARDHANDLE card;
-    bool null_names;
-    DWORD offered;
-    DWORD atr_offered;
-};
-struct {
-    std::string name = "R1";  // without its NUL; PC/SC reports name.size() + 1
-    DWORD protocol = 2;
-    bytes atr = {0x3B, 0x00, 0x00};
-    DWORD state = 0x34;
-    LONG answer = 0;                  // result when the buffer suffices
-    LONG sizing_answer = 0x80100008;  // result of a call offered less than the name
-    std::vector<c_status_call> calls;
-} script;
+// Reports `name` plus its NUL as the length and writes it when the offered length suffices;
+// otherwise answers `sizing_answer`. The offered ATR length lands in fake.a.
+std::string name;
+DWORD protocol;
+LONG sizing_answer;
 
-LONG fake_status(SCARDHANDLE card, LPSTR names, LPDWORD cch, LPDWORD state, LPDWORD protocol, LPBYTE atr,
+LONG fake_status(SCARDHANDLE card, LPSTR names, LPDWORD cch, LPDWORD state, LPDWORD proto, LPBYTE atr,
                  LPDWORD atr_len) {
-    script.calls.push_back({card, names == nullptr, *cch, *atr_len});
-    const DWORD needed = script.name.size() + 1;
+    record(card, nullptr, 0, names, *cch);
+    fake.a = *atr_len;
     const DWORD offered = *cch;
-    *cch = needed;
-    if (names && offered < needed) return script.sizing_answer;
-    if (script.answer != 0) return script.answer;
-    if (names) std::memcpy(names, script.name.c_str(), needed);
-    *state = script.state;
-    *protocol = script.protocol;
-    std::memcpy(atr, script.atr.data(), script.atr.size());
-    *atr_len = script.atr.size();
+    *cch = name.size() + 1;
+    if (names && offered < *cch) return sizing_answer;
+    if (fake.answer != 0) return fake.answer;
+    if (names) std::memcpy(names, name.c_str(), *cch);
+    *state = 0x34, *proto = protocol, *atr_len = 3;
+    std::memcpy(atr, "\x3B\0\0", 3);
     return 0;
 }
 
@@ -49,32 +33,20 @@ bytes status_call(std::uint32_t names_is_null, std::uint32_t cch, std::uint32_t 
     return request().u32s({0, 0, 4, 1, names_is_null, cch, cb_atr}).handle(1).build();
 }
 
-bytes run(void (*handler)(c_ndr_reader&, c_ndr_writer&), const bytes& req) {
-    c_ndr_reader in(req.data(), req.size());
-    c_ndr_writer out;
-    handler(in, out);
-    return scard_test::reply_bytes(out);
+// A success: cBytes, referent 1, state 6, protocol, the 32-byte ATR field holding 3B 00 00,
+// cbAtrLen 3, then the names array.
+bytes success(const bytes& names, std::uint32_t protocol = 2) {
+    const auto n = static_cast<std::uint32_t>(names.size());
+    bytes atr(32, 0);
+    atr[0] = 0x3B;
+    return body({n, 1, 6, protocol}, cat(cat(atr, le32({3, n})), names));
 }
 
-// The fixed fields of a success: cBytes, referent 1, state 6, protocol, the 32-byte ATR field
-// holding 3B 00 00, cbAtrLen 3, then the array count.
-bytes success_head(std::uint32_t length, std::uint32_t protocol) {
-    request r;
-    r.u32s({length, 1, 6, protocol}).raw({0x3B, 0, 0}).raw(bytes(29, 0)).u32s({3, length});
-    const bytes b = r.build();
-    return bytes(b.begin() + 16, b.end());
-}
-
-bytes concat(bytes a, const bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-class ScardStatus : public scard_test::service_fixture {
+class ScardStatus : public fake_fixture {
 protected:
     void SetUp() override {
-        service_fixture::SetUp();
-        script = {};
+        fake_fixture::SetUp();
+        name = "R1", protocol = 2, sizing_answer = static_cast<LONG>(k_scard_e_insufficient_buffer);
         service().SCardStatus = &fake_status;
         ASSERT_EQ(service().add_card(1, 0xCA4D), 1u);
     }
@@ -84,103 +56,71 @@ protected:
 
 TEST_F(ScardStatus, FixedModeRepliesInBothWidths) {
     bytes reply = run(scard_status_a, status_call(0, 100));
-    ASSERT_EQ(script.calls.size(), 1u);
-    EXPECT_EQ(script.calls[0].card, SCARDHANDLE{0xCA4D});
-    EXPECT_EQ(script.calls[0].offered, 99u);      // one less than the buffer
-    EXPECT_EQ(script.calls[0].atr_offered, 32u);  // whatever the request's cbAtrLen
+    EXPECT_EQ(fake.handle, SCARDHANDLE{0xCA4D});
+    EXPECT_EQ(fake.room, 99u);  // one less than the buffer
+    EXPECT_EQ(fake.a, 32u);     // whatever the request's cbAtrLen
     EXPECT_EQ(reply.size(), 16u + 64u);
-    EXPECT_EQ(scard_test::result_of(reply), 0u);
-    EXPECT_EQ(scard_test::body_of(reply), concat(success_head(4, 2), {0x52, 0x31, 0, 0}));
+    EXPECT_EQ(result_of(reply), 0u);
+    EXPECT_EQ(body_of(reply), success({0x52, 0x31, 0, 0}));
 
     reply = run(scard_status_w, status_call(0, 100, 77));
-    EXPECT_EQ(script.calls.back().atr_offered, 32u);
+    EXPECT_EQ(fake.a, 32u);
     EXPECT_EQ(reply.size(), 16u + 72u);  // 68 bytes of result and body, padded by 4
-    EXPECT_EQ(scard_test::body_of(reply),
-              concat(success_head(8, 2), {0x52, 0, 0x31, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(body_of(reply), success(le16({0x52, 0x31, 0, 0})));
+
+    fake.answer = static_cast<LONG>(0x80100069);  // card removed
+    reply = run(scard_status_w, status_call(0, 10));
+    EXPECT_EQ(result_of(reply), 0x80100069u);
+    EXPECT_EQ(body_of(reply), bytes(52, 0));  // 4 + 4 + 4 + 4 + 32 + 4, no array
 }
 
 TEST_F(ScardStatus, AllocatingModeSizesFirst) {
-    script.name = "ABCDEFGH";  // PC/SC reports 9
+    name = "ABCDEFGH";  // PC/SC reports 9
     const bytes reply = run(scard_status_a, status_call(0, 0xFFFFFFFF));
-    ASSERT_EQ(script.calls.size(), 2u);
-    EXPECT_FALSE(script.calls[0].null_names);
-    EXPECT_EQ(script.calls[0].offered, 1u);
-    EXPECT_EQ(script.calls[1].offered, 9u);  // of a 10-byte buffer
-    EXPECT_EQ(scard_test::u32_at(reply, 20), 10u);
-    EXPECT_EQ(bytes(reply.begin() + 76, reply.begin() + 86), (bytes{'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 0, 0}));
-
-    // Same through W: 10 units.
+    EXPECT_EQ(fake.offers, (std::vector<std::pair<bool, DWORD>>{{false, 1}, {false, 9}}));  // of a 10-byte buffer
+    EXPECT_EQ(body_of(reply), success({'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 0, 0}));
     const bytes wide = run(scard_status_w, status_call(0, 0xFFFFFFFF));
-    EXPECT_EQ(scard_test::u32_at(wide, 20), 20u);
-    EXPECT_EQ(wide[76 + 14], 'H');
-}
+    EXPECT_EQ(body_of(wide), success(le16({'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 0, 0})));
 
-TEST_F(ScardStatus, AllocatingModeNeedsTheInsufficientBufferAnswer) {
-    struct {
-        LONG sizing_answer;
-        bool entry;
-    } const cases[] = {
-        {static_cast<LONG>(0x80100003), true},  // PC/SC rejects the handle
-        {0, true},                              // success on the sizing call is no length either
-        {0, false},                             // missing entry: 120 there, 0x8010001F here
-    };
-    for (const auto& c : cases) {
-        script.calls.clear();
-        script.sizing_answer = c.sizing_answer;
-        service().SCardStatus = c.entry ? &fake_status : nullptr;
-        const bytes reply = run(scard_status_a, status_call(0, 0xFFFFFFFF));
-        EXPECT_EQ(scard_test::result_of(reply), 0x8010001Fu);
-        EXPECT_EQ(scard_test::body_of(reply), bytes(52, 0));
-        EXPECT_LE(script.calls.size(), 1u);
+    // Without the insufficient-buffer answer there is no length: PC/SC rejecting the handle, a
+    // success on the sizing call, or a missing entry (120 elsewhere) all answer 0x8010001F.
+    for (auto [answer, entry] : {std::pair{static_cast<LONG>(0x80100003), true}, {0L, true}, {0L, false}}) {
+        fake.offers.clear();
+        sizing_answer = answer;
+        service().SCardStatus = entry ? &fake_status : nullptr;
+        const bytes failed = run(scard_status_a, status_call(0, 0xFFFFFFFF));
+        EXPECT_EQ(result_of(failed), 0x8010001Fu);
+        EXPECT_EQ(body_of(failed), bytes(52, 0));
+        EXPECT_LE(fake.offers.size(), 1u);
     }
 }
 
-TEST_F(ScardStatus, LengthOnlyMode) {
-    script.name = "R1";
-    bytes reply = run(scard_status_a, status_call(1, 50));
-    ASSERT_EQ(script.calls.size(), 1u);
-    EXPECT_TRUE(script.calls[0].null_names);
-    EXPECT_EQ(script.calls[0].offered, 49u);
-    EXPECT_EQ(scard_test::body_of(reply), concat(success_head(4, 2), {0, 0, 0, 0}));
-
-    reply = run(scard_status_w, status_call(1, 0));
-    EXPECT_EQ(script.calls.back().offered, 0u);  // no wrap to 0xFFFFFFFF
-    EXPECT_EQ(scard_test::body_of(reply), concat(success_head(8, 2), bytes(12, 0)));
-}
-
-TEST_F(ScardStatus, SmallAndHostileFixedLengthsStayInsideTheBuffer) {
+TEST_F(ScardStatus, OfferedLengthsStayInsideTheBuffer) {
     struct {
-        std::uint32_t cch;
+        std::uint32_t is_null, cch;
         DWORD offered;
         std::uint32_t result;
     } const cases[] = {
-        {0, 0, 0x80100008},           // no room at all: offered 0, never 0xFFFFFFFF
-        {3, 2, 0x80100008},           // name of 3 needs a buffer of 4
-        {4, 3, 0},
-        {0xFFFFFFFE, 65535, 0},       // a hostile size is cut, not allocated
+        {1, 50, 49, 0},             // length only
+        {1, 0, 0, 0},               // no wrap to 0xFFFFFFFF
+        {0, 0, 0, 0x80100008},      // no room at all
+        {0, 3, 2, 0x80100008},      // a name of 3 needs a buffer of 4
+        {0, 4, 3, 0},
+        {0, 0xFFFFFFFE, 65535, 0},  // a hostile size is cut, not allocated
     };
     for (const auto& c : cases) {
-        script.calls.clear();
-        const bytes reply = run(scard_status_a, status_call(0, c.cch));
-        ASSERT_EQ(script.calls.size(), 1u);
-        EXPECT_EQ(script.calls[0].offered, c.offered) << c.cch;
-        EXPECT_EQ(scard_test::result_of(reply), c.result) << c.cch;
+        fake.offers.clear();
+        const bytes reply = run(scard_status_a, status_call(c.is_null, c.cch));
+        EXPECT_EQ(fake.offers, (std::vector<std::pair<bool, DWORD>>{{c.is_null != 0, c.offered}})) << c.cch;
+        EXPECT_EQ(result_of(reply), c.result) << c.cch;
     }
+    EXPECT_EQ(body_of(run(scard_status_w, status_call(1, 0))), success(bytes(8, 0)));
 }
 
-TEST_F(ScardStatus, ProtocolTranslationAndState) {
+TEST_F(ScardStatus, ProtocolTranslation) {
     const std::pair<DWORD, std::uint32_t> table[] = {{0, 0}, {1, 1}, {2, 2}, {3, 0}, {4, 0x10000}, {8, 0}, {0x10000, 0}};
     for (const auto& [pcsc, sent] : table) {
-        script.protocol = pcsc;
-        const bytes reply = run(scard_status_a, status_call(0, 10));
-        EXPECT_EQ(scard_test::u32_at(reply, 28), 6u);
-        EXPECT_EQ(scard_test::u32_at(reply, 32), sent) << pcsc;
+        protocol = pcsc;
+        EXPECT_EQ(u32_at(run(scard_status_a, status_call(0, 10)), 32), sent) << pcsc;
     }
-}
-
-TEST_F(ScardStatus, FailureBody) {
-    script.answer = static_cast<LONG>(0x80100069);  // card removed
-    const bytes reply = run(scard_status_w, status_call(0, 10));
-    EXPECT_EQ(scard_test::result_of(reply), 0x80100069u);
-    EXPECT_EQ(scard_test::body_of(reply), bytes(52, 0));  // 4 + 4 + 4 + 4 + 32 + 4, no array
 }
