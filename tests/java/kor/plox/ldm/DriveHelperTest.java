@@ -9,7 +9,7 @@ import java.util.*;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
-/** The Windows-style helpers, the listing and the version check. */
+/** The file helpers (attributes, times, disk space, move, end of file), the listing and the version check. */
 class DriveHelperTest {
     static final long EPOCH = 116444736000000000L; // 1970-01-01 as a file time
 
