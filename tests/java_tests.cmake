@@ -10,8 +10,5 @@ korjnidr_java_test(ScardStandinTest ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/
 korjnidr_java_test(ScardMissingEntriesTest ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/partial)
 korjnidr_java_test(ScardLoadFailureTest ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/broken)
 # Against pcscd with a virtual card (ctest -L realstack); one pcscd at a time.
-korjnidr_java_test(ScardRealStackTest LABELS realstack WRAPPER ${CMAKE_CURRENT_SOURCE_DIR}/realstack/with_pcscd.sh)
-set_tests_properties(java.ScardRealStackTest PROPERTIES RESOURCE_LOCK pcscd)
-korjnidr_java_test(RealStackCardTest LABELS realstack WRAPPER bash ${CMAKE_CURRENT_SOURCE_DIR}/realstack/with_pcscd.sh)
-korjnidr_java_test(ScardStateRealStackTest LABELS realstack WRAPPER bash ${CMAKE_CURRENT_SOURCE_DIR}/realstack/with_pcscd.sh)
-set_tests_properties(java.ScardStateRealStackTest PROPERTIES RESOURCE_LOCK pcscd)
+korjnidr_java_test(RealStackTest LABELS realstack WRAPPER bash ${CMAKE_CURRENT_SOURCE_DIR}/realstack/with_pcscd.sh)
+set_tests_properties(java.RealStackTest PROPERTIES RESOURCE_LOCK pcscd)

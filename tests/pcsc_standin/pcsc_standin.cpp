@@ -1,105 +1,59 @@
 // Scripted PC/SC stand-in, built as libpcsclite.so.1 for the tests.
 //
 // It implements the 17 PC/SC functions that the library resolves, with pcsc-lite's signatures.
-// Every call is recorded as one text line, and every answer comes from a script that the test sets.
+// Every call is recorded as one text line; its result comes from the script, else it succeeds with
+// default outputs (contexts 0xc0000001, 0xc0000002, ..., cards 0xca000001, ..., protocol T=0,
+// reader "Standin Reader 00 00", ATR 3B 00, Transmit answer 90 00).
 //
 // Loading. The library under test dlopens "libpcsclite.so.1". A C++ test dlopens this file by its
 // path (RTLD_NOW | RTLD_GLOBAL) before that: the soname matches, so both get the same object and
-// the test can script it through the extern "C" control functions below. A Java test calls
+// the test scripts it through the extern "C" control functions below. A Java test calls
 // kor.plox.ldm.PcscStandin, whose natives live here too; the JVM runs with LD_LIBRARY_PATH
-// pointing at the variant's directory (tests/standin/full, tests/standin/partial,
-// tests/standin/broken in the build tree).
+// pointing at the variant's directory (tests/standin/full or tests/standin/partial in the build).
 //
 // Control API (C):
-//   void   standin_reset(void)                 forget script, records, counters; end blocked calls
-//   void   standin_script(const char* line)    add an answer, e.g. "SCardTransmit rc=0x0 recv=9000"
+//   void   standin_reset(void)                 forget script and records; end blocked calls
+//   void   standin_script(const char* line)    set a function's answer: "SCardCancel rc=0x80100003"
 //   size_t standin_calls(char* buf, size_t n)  records joined by '\n' (NUL-terminated when it fits);
 //                                              returns the size needed including the NUL
-//   int    standin_call_count(void)
 //   int    standin_wait_blocked(int n, int ms) 1 once n GetStatusChange calls are blocked
-//   void   standin_release_blocked(void)       ends every blocked GetStatusChange (SCARD_E_CANCELLED)
-// Java (kor.plox.ldm.PcscStandin): reset(), script(String), calls() -> String[],
-//   waitBlocked(int, int) -> boolean, releaseBlocked().
+// Script keys: rc=<number> (the result, for every function) and, for SCardGetStatusChange,
+// block=1: wait until SCardCancel or SCardReleaseContext of that context (or a reset), then
+// answer SCARD_E_CANCELLED unless rc= says otherwise. An answer stays until the next reset.
 //
-// Script. A line is "<function> key=value ...". Values are numbers (0x.. or decimal), hex bytes
-// (recv=9000), or "quoted text" where '|' stands for a NUL (names="A|B" is the multi-string
-// "A\0B\0\0"). Each function has its own queue of answers: a call takes the front answer, and the
-// last one stays and answers every later call. With no answer, a call succeeds with default
-// outputs. Keys:
-//   every function      rc=      result returned (default 0, or the buffer checks below)
-//   SCardEstablishContext context=  (default 0xc0000001, 0xc0000002, ...)
-//   SCardConnect        card= (default 0xca000001, ...) protocol= (default 0x1)
-//   SCardReconnect      protocol=
-//   SCardStatus         names="..." (default "Standin Reader 00 00") state= protocol= atr=
-//   SCardGetStatusChange block=1 (wait until SCardCancel/SCardReleaseContext of that context or
-//                       standin_release_blocked; then rc SCARD_E_CANCELLED unless rc= given)
-//                       event<i>= atr<i>= for reader i (others keep their event state and ATR)
-//   SCardControl, SCardTransmit  recv=  (Transmit also recv_pci=<protocol>: written when given)
-//   SCardListReaderGroups, SCardListReaders  names="..."
-//   SCardGetAttrib      attr=
-// Buffers follow PC/SC: a null buffer gets the length only; SCARD_AUTOALLOCATE (where PC/SC offers
-// it) gets a block that lives until the next reset; a buffer too small gets the needed length and
-// SCARD_E_INSUFFICIENT_BUFFER.
-//
-// Records: one line per call, fields in parameter order, handles and DWORDs as 64-bit "0x%llx",
-// buffers as upper-case hex, texts quoted, pointers as "null" or "ptr", e.g.
-//   SCardTransmit card=0xca000001 send_pci=0x1/0x10 send=00A4040000 recv_pci=null recv_len=0x102
-//   SCardGetStatusChange ctx=0xc0000001 timeout=0xffffffff count=0x1 reader0="R" current0=0x0 event0=0x0 atr0=
-// Building with STANDIN_PARTIAL leaves out SCardEstablishContext, SCardListReaders and
-// SCardTransmit.
+// Records: fields in parameter order, handles and DWORDs as "0x%llx", buffers as upper-case hex,
+// texts quoted, pointers as "null" or "ptr", e.g.
+//   SCardEstablishContext scope=0x2 r1=null r2=null ctx_out=ptr
+// Building with STANDIN_PARTIAL leaves out SCardEstablishContext, SCardListReaders, SCardTransmit.
 #include <jni.h>
 #include <winscard.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <deque>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
 using bytes = std::vector<unsigned char>;
-
-struct c_answer {
-    std::map<std::string, std::string> values;
-
-    bool has(const std::string& k) const { return values.count(k) != 0; }
-    unsigned long long number(const std::string& k, unsigned long long fallback) const {
-        auto it = values.find(k);
-        return it == values.end() ? fallback : std::strtoull(it->second.c_str(), nullptr, 0);
-    }
-    // Quoted text ('|' = NUL) or hex bytes.
-    bytes data(const std::string& k, const bytes& fallback) const {
-        auto it = values.find(k);
-        if (it == values.end()) return fallback;
-        const std::string& v = it->second;
-        bytes out;
-        if (!v.empty() && v[0] == '"') {
-            for (std::size_t i = 1; i < v.size(); ++i) out.push_back(v[i] == '|' ? 0 : static_cast<unsigned char>(v[i]));
-            return out;
-        }
-        for (std::size_t i = 0; i + 1 < v.size(); i += 2)
-            out.push_back(static_cast<unsigned char>(std::strtoul(v.substr(i, 2).c_str(), nullptr, 16)));
-        return out;
-    }
-};
+using c_answer = std::map<std::string, std::string>;
 
 struct c_state {
     std::mutex mutex;
     std::condition_variable changed;
-    std::map<std::string, std::deque<c_answer>> script;
+    std::map<std::string, c_answer> script;
     std::vector<std::string> calls;
     std::map<SCARDCONTEXT, unsigned> cancels;  // per context: SCardCancel / SCardReleaseContext count
-    unsigned release_all = 0;
+    unsigned resets = 0;
     int blocked = 0;
     unsigned long long next_context = 0xc0000001;
     unsigned long long next_card = 0xca000001;
-    std::vector<void*> allocated;
 };
 
 c_state& state() {
@@ -107,61 +61,17 @@ c_state& state() {
     return *s;
 }
 
-c_answer parse(const char* line, std::string& function) {
-    c_answer a;
-    const std::string s(line ? line : "");
-    std::size_t i = s.find_first_not_of(' ');
-    std::size_t e = s.find(' ', i);
-    function = s.substr(i == std::string::npos ? 0 : i, e == std::string::npos ? std::string::npos : e - i);
-    i = e;
-    while (i != std::string::npos && i < s.size()) {
-        i = s.find_first_not_of(' ', i);
-        if (i == std::string::npos) break;
-        const std::size_t eq = s.find('=', i);
-        if (eq == std::string::npos) break;
-        const std::string key = s.substr(i, eq - i);
-        std::size_t end;
-        if (eq + 1 < s.size() && s[eq + 1] == '"') {
-            end = s.find('"', eq + 2);
-            a.values[key] = s.substr(eq + 1, end == std::string::npos ? std::string::npos : end - eq - 1);
-            i = end == std::string::npos ? end : end + 1;
-        } else {
-            end = s.find(' ', eq + 1);
-            a.values[key] = s.substr(eq + 1, end == std::string::npos ? std::string::npos : end - eq - 1);
-            i = end;
-        }
-    }
-    return a;
-}
-
-// Takes the answer for `function` (the last one stays); empty when none was scripted.
-c_answer next_answer(const char* function) {
-    std::lock_guard<std::mutex> l(state().mutex);
-    auto& q = state().script[function];
-    if (q.empty()) return {};
-    c_answer a = q.front();
-    if (q.size() > 1) q.pop_front();
-    return a;
-}
-
-void record(const std::string& line) {
-    std::lock_guard<std::mutex> l(state().mutex);
-    state().calls.push_back(line);
-}
-
-// Field formatting for records.
 std::string num(unsigned long long v) {
     char b[32];
     std::snprintf(b, sizeof b, "0x%llx", v);
     return b;
 }
 std::string hex(const void* p, std::size_t n) {
-    static const char digits[] = "0123456789ABCDEF";
     std::string out;
-    const auto* b = static_cast<const unsigned char*>(p);
+    char b[3];
     for (std::size_t i = 0; p && i < n; ++i) {
-        out += digits[b[i] >> 4];
-        out += digits[b[i] & 15];
+        std::snprintf(b, sizeof b, "%02X", static_cast<const unsigned char*>(p)[i]);
+        out += b;
     }
     return out;
 }
@@ -169,60 +79,62 @@ std::string text(const char* s) { return s ? "\"" + std::string(s) + "\"" : "nul
 std::string ptr(const void* p) { return p ? "ptr" : "null"; }
 std::string len(const DWORD* p) { return p ? num(*p) : "null"; }
 
-std::string multistring(const c_answer& a, const char* fallback) {
-    std::string names(fallback);
-    if (a.has("names")) {
-        bytes b = a.data("names", {});
-        names.assign(b.begin(), b.end());
-    }
-    return names;
-}
-// "A|B" from the script is "A\0B"; a multi-string ends with two NULs.
-bytes as_multistring(const std::string& names) {
-    bytes out(names.begin(), names.end());
-    out.push_back(0);
-    out.push_back(0);
-    return out;
+// Records `line` ("<function> fields...") and returns the function's scripted answer.
+c_answer enter(const std::string& line) {
+    std::lock_guard<std::mutex> l(state().mutex);
+    state().calls.push_back(line);
+    const auto it = state().script.find(line.substr(0, line.find(' ')));
+    return it == state().script.end() ? c_answer{} : it->second;
 }
 
-// Hands `data` to a PC/SC buffer with its in/out length. Returns 0 or SCARD_E_INSUFFICIENT_BUFFER.
-LONG deliver(const bytes& data, void* buffer, DWORD* length, bool may_allocate) {
+LONG result(const c_answer& a, LONG computed) {
+    const auto it = a.find("rc");
+    return it == a.end() ? computed : static_cast<LONG>(std::strtoull(it->second.c_str(), nullptr, 0));
+}
+
+unsigned long long next(unsigned long long c_state::*counter) {
+    std::lock_guard<std::mutex> l(state().mutex);
+    return (state().*counter)++;
+}
+
+// A literal's bytes including its terminating NUL ("A\0" gives a multi-string).
+template <std::size_t n>
+bytes literal(const char (&s)[n]) {
+    return bytes(s, s + n);
+}
+
+// Hands `data` to a PC/SC buffer with its in/out length: a null buffer gets the length only,
+// SCARD_AUTOALLOCATE (when allowed) a malloc'ed block that the caller frees, a buffer too small
+// the needed length and SCARD_E_INSUFFICIENT_BUFFER.
+LONG deliver(const bytes& data, void* buffer, DWORD* length, bool may_allocate = false) {
     if (!length) return SCARD_S_SUCCESS;
-    const auto need = static_cast<DWORD>(data.size());
-    if (!buffer) {
-        *length = need;
+    const DWORD offered = *length;
+    *length = static_cast<DWORD>(data.size());
+    if (!buffer) return SCARD_S_SUCCESS;
+    if (may_allocate && offered == SCARD_AUTOALLOCATE) {
+        auto* block = static_cast<unsigned char*>(std::malloc(data.size() + 1));
+        std::copy(data.begin(), data.end(), block);
+        *static_cast<unsigned char**>(buffer) = block;
         return SCARD_S_SUCCESS;
     }
-    if (may_allocate && *length == SCARD_AUTOALLOCATE) {
-        void* block = std::malloc(data.size() ? data.size() : 1);
-        if (!data.empty()) std::memcpy(block, data.data(), data.size());
-        {
-            std::lock_guard<std::mutex> l(state().mutex);
-            state().allocated.push_back(block);
-        }
-        *static_cast<void**>(buffer) = block;
-        *length = need;
-        return SCARD_S_SUCCESS;
-    }
-    if (*length < need) {
-        *length = need;
-        return SCARD_E_INSUFFICIENT_BUFFER;
-    }
-    if (!data.empty()) std::memcpy(buffer, data.data(), data.size());
-    *length = need;
+    if (offered < data.size()) return SCARD_E_INSUFFICIENT_BUFFER;
+    std::copy(data.begin(), data.end(), static_cast<unsigned char*>(buffer));
     return SCARD_S_SUCCESS;
 }
-
-LONG result(const c_answer& a, LONG computed) { return static_cast<LONG>(a.number("rc", static_cast<unsigned long long>(computed))); }
 
 std::string all_calls() {
     std::lock_guard<std::mutex> l(state().mutex);
     std::string out;
-    for (const auto& c : state().calls) {
-        if (!out.empty()) out += '\n';
-        out += c;
-    }
+    for (const auto& c : state().calls) out += (out.empty() ? "" : "\n") + c;
     return out;
+}
+
+LONG cancel(const std::string& line, SCARDCONTEXT ctx) {
+    const c_answer a = enter(line + num(ctx));
+    std::lock_guard<std::mutex> l(state().mutex);
+    ++state().cancels[ctx];
+    state().changed.notify_all();
+    return result(a, SCARD_S_SUCCESS);
 }
 
 }  // namespace
@@ -239,28 +151,27 @@ void standin_reset(void) {
     s.cancels.clear();
     s.next_context = 0xc0000001;
     s.next_card = 0xca000001;
-    for (void* p : s.allocated) std::free(p);
-    s.allocated.clear();
-    ++s.release_all;
+    ++s.resets;
     s.changed.notify_all();
 }
 
 void standin_script(const char* line) {
-    std::string function;
-    c_answer a = parse(line, function);
+    std::istringstream in(line ? line : "");
+    std::string function, field;
+    in >> function;
+    c_answer a;
+    while (in >> field) {
+        const std::size_t eq = field.find('=');
+        a[field.substr(0, eq)] = eq == std::string::npos ? "" : field.substr(eq + 1);
+    }
     std::lock_guard<std::mutex> l(state().mutex);
-    state().script[function].push_back(std::move(a));
+    state().script[function] = a;
 }
 
 size_t standin_calls(char* buffer, size_t capacity) {
     const std::string all = all_calls();
-    if (buffer && capacity > all.size()) std::memcpy(buffer, all.c_str(), all.size() + 1);
+    if (buffer && capacity > all.size()) std::copy(all.c_str(), all.c_str() + all.size() + 1, buffer);
     return all.size() + 1;
-}
-
-int standin_call_count(void) {
-    std::lock_guard<std::mutex> l(state().mutex);
-    return static_cast<int>(state().calls.size());
 }
 
 int standin_wait_blocked(int n, int ms) {
@@ -268,216 +179,131 @@ int standin_wait_blocked(int n, int ms) {
     return state().changed.wait_for(l, std::chrono::milliseconds(ms), [&] { return state().blocked >= n; }) ? 1 : 0;
 }
 
-void standin_release_blocked(void) {
-    std::lock_guard<std::mutex> l(state().mutex);
-    ++state().release_all;
-    state().changed.notify_all();
-}
-
 // ---- PC/SC -------------------------------------------------------------------------------------
 
 #ifndef STANDIN_PARTIAL
 LONG SCardEstablishContext(DWORD dwScope, LPCVOID pvReserved1, LPCVOID pvReserved2, LPSCARDCONTEXT phContext) {
-    record("SCardEstablishContext scope=" + num(dwScope) + " r1=" + ptr(pvReserved1) + " r2=" + ptr(pvReserved2) +
-           " ctx_out=" + ptr(phContext));
-    const c_answer a = next_answer("SCardEstablishContext");
-    unsigned long long fallback;
-    {
-        std::lock_guard<std::mutex> l(state().mutex);
-        fallback = state().next_context++;
-    }
-    if (phContext) *phContext = static_cast<SCARDCONTEXT>(a.number("context", fallback));
+    const c_answer a = enter("SCardEstablishContext scope=" + num(dwScope) + " r1=" + ptr(pvReserved1) +
+                             " r2=" + ptr(pvReserved2) + " ctx_out=" + ptr(phContext));
+    if (phContext) *phContext = static_cast<SCARDCONTEXT>(next(&c_state::next_context));
     return result(a, SCARD_S_SUCCESS);
 }
 #endif
 
-static void cancel_context(SCARDCONTEXT ctx) {
-    std::lock_guard<std::mutex> l(state().mutex);
-    ++state().cancels[ctx];
-    state().changed.notify_all();
-}
+LONG SCardReleaseContext(SCARDCONTEXT hContext) { return cancel("SCardReleaseContext ctx=", hContext); }
 
-LONG SCardReleaseContext(SCARDCONTEXT hContext) {
-    record("SCardReleaseContext ctx=" + num(hContext));
-    cancel_context(hContext);
-    return result(next_answer("SCardReleaseContext"), SCARD_S_SUCCESS);
-}
+LONG SCardCancel(SCARDCONTEXT hContext) { return cancel("SCardCancel ctx=", hContext); }
 
 LONG SCardIsValidContext(SCARDCONTEXT hContext) {
-    record("SCardIsValidContext ctx=" + num(hContext));
-    return result(next_answer("SCardIsValidContext"), SCARD_S_SUCCESS);
-}
-
-LONG SCardCancel(SCARDCONTEXT hContext) {
-    record("SCardCancel ctx=" + num(hContext));
-    cancel_context(hContext);
-    return result(next_answer("SCardCancel"), SCARD_S_SUCCESS);
+    return result(enter("SCardIsValidContext ctx=" + num(hContext)), SCARD_S_SUCCESS);
 }
 
 LONG SCardConnect(SCARDCONTEXT hContext, LPCSTR szReader, DWORD dwShareMode, DWORD dwPreferredProtocols,
                   LPSCARDHANDLE phCard, LPDWORD pdwActiveProtocol) {
-    record("SCardConnect ctx=" + num(hContext) + " reader=" + text(szReader) + " share=" + num(dwShareMode) +
-           " protocols=" + num(dwPreferredProtocols) + " card_out=" + ptr(phCard) + " protocol_out=" +
-           ptr(pdwActiveProtocol));
-    const c_answer a = next_answer("SCardConnect");
-    unsigned long long fallback;
-    {
-        std::lock_guard<std::mutex> l(state().mutex);
-        fallback = state().next_card++;
-    }
-    if (phCard) *phCard = static_cast<SCARDHANDLE>(a.number("card", fallback));
-    if (pdwActiveProtocol) *pdwActiveProtocol = static_cast<DWORD>(a.number("protocol", SCARD_PROTOCOL_T0));
+    const c_answer a = enter("SCardConnect ctx=" + num(hContext) + " reader=" + text(szReader) +
+                             " share=" + num(dwShareMode) + " protocols=" + num(dwPreferredProtocols));
+    if (phCard) *phCard = static_cast<SCARDHANDLE>(next(&c_state::next_card));
+    if (pdwActiveProtocol) *pdwActiveProtocol = SCARD_PROTOCOL_T0;
     return result(a, SCARD_S_SUCCESS);
 }
 
 LONG SCardReconnect(SCARDHANDLE hCard, DWORD dwShareMode, DWORD dwPreferredProtocols, DWORD dwInitialization,
                     LPDWORD pdwActiveProtocol) {
-    record("SCardReconnect card=" + num(hCard) + " share=" + num(dwShareMode) + " protocols=" +
-           num(dwPreferredProtocols) + " init=" + num(dwInitialization) + " protocol_out=" + ptr(pdwActiveProtocol));
-    const c_answer a = next_answer("SCardReconnect");
-    if (pdwActiveProtocol) *pdwActiveProtocol = static_cast<DWORD>(a.number("protocol", SCARD_PROTOCOL_T0));
+    const c_answer a = enter("SCardReconnect card=" + num(hCard) + " share=" + num(dwShareMode) +
+                             " protocols=" + num(dwPreferredProtocols) + " init=" + num(dwInitialization));
+    if (pdwActiveProtocol) *pdwActiveProtocol = SCARD_PROTOCOL_T0;
     return result(a, SCARD_S_SUCCESS);
 }
 
 LONG SCardDisconnect(SCARDHANDLE hCard, DWORD dwDisposition) {
-    record("SCardDisconnect card=" + num(hCard) + " disposition=" + num(dwDisposition));
-    return result(next_answer("SCardDisconnect"), SCARD_S_SUCCESS);
+    return result(enter("SCardDisconnect card=" + num(hCard) + " disposition=" + num(dwDisposition)), SCARD_S_SUCCESS);
 }
 
 LONG SCardBeginTransaction(SCARDHANDLE hCard) {
-    record("SCardBeginTransaction card=" + num(hCard));
-    return result(next_answer("SCardBeginTransaction"), SCARD_S_SUCCESS);
+    return result(enter("SCardBeginTransaction card=" + num(hCard)), SCARD_S_SUCCESS);
 }
 
 LONG SCardEndTransaction(SCARDHANDLE hCard, DWORD dwDisposition) {
-    record("SCardEndTransaction card=" + num(hCard) + " disposition=" + num(dwDisposition));
-    return result(next_answer("SCardEndTransaction"), SCARD_S_SUCCESS);
+    return result(enter("SCardEndTransaction card=" + num(hCard) + " disposition=" + num(dwDisposition)),
+                  SCARD_S_SUCCESS);
 }
 
 LONG SCardStatus(SCARDHANDLE hCard, LPSTR szReaderName, LPDWORD pcchReaderLen, LPDWORD pdwState, LPDWORD pdwProtocol,
                  LPBYTE pbAtr, LPDWORD pcbAtrLen) {
-    record("SCardStatus card=" + num(hCard) + " names=" + ptr(szReaderName) + " names_len=" + len(pcchReaderLen) +
-           " state=" + ptr(pdwState) + " protocol=" + ptr(pdwProtocol) + " atr=" + ptr(pbAtr) + " atr_len=" +
-           len(pcbAtrLen));
-    const c_answer a = next_answer("SCardStatus");
-    bytes name = a.data("names", {});
-    if (!a.has("names")) {
-        const char* d = "Standin Reader 00 00";
-        name.assign(d, d + std::strlen(d));
-    }
-    name.push_back(0);
-    const LONG r1 = deliver(name, szReaderName, pcchReaderLen, true);
-    const LONG r2 = deliver(a.data("atr", {0x3B, 0x00}), pbAtr, pcbAtrLen, true);
-    if (pdwState) *pdwState = static_cast<DWORD>(a.number("state", SCARD_PRESENT | SCARD_POWERED | SCARD_NEGOTIABLE));
-    if (pdwProtocol) *pdwProtocol = static_cast<DWORD>(a.number("protocol", SCARD_PROTOCOL_T0));
+    const c_answer a = enter("SCardStatus card=" + num(hCard) + " names=" + ptr(szReaderName) +
+                             " names_len=" + len(pcchReaderLen) + " atr=" + ptr(pbAtr) + " atr_len=" + len(pcbAtrLen));
+    const LONG r1 = deliver(literal("Standin Reader 00 00"), szReaderName, pcchReaderLen);
+    const LONG r2 = deliver({0x3B, 0x00}, pbAtr, pcbAtrLen);
+    if (pdwState) *pdwState = SCARD_PRESENT | SCARD_POWERED | SCARD_NEGOTIABLE;
+    if (pdwProtocol) *pdwProtocol = SCARD_PROTOCOL_T0;
     return result(a, r1 ? r1 : r2);
 }
 
 LONG SCardGetStatusChange(SCARDCONTEXT hContext, DWORD dwTimeout, SCARD_READERSTATE* rgReaderStates, DWORD cReaders) {
-    std::string line = "SCardGetStatusChange ctx=" + num(hContext) + " timeout=" + num(dwTimeout) + " count=" +
-                       num(cReaders);
+    std::string line =
+        "SCardGetStatusChange ctx=" + num(hContext) + " timeout=" + num(dwTimeout) + " count=" + num(cReaders);
     for (DWORD i = 0; rgReaderStates && i < cReaders; ++i) {
         const SCARD_READERSTATE& r = rgReaderStates[i];
-        const std::string n = std::to_string(i);
-        line += " reader" + n + "=" + text(r.szReader) + " current" + n + "=" + num(r.dwCurrentState) + " event" + n +
-                "=" + num(r.dwEventState) + " atr" + n + "=" + hex(r.rgbAtr, r.cbAtr <= MAX_ATR_SIZE ? r.cbAtr : 0);
+        line += " reader=" + text(r.szReader) + " current=" + num(r.dwCurrentState) +
+                " atr=" + hex(r.rgbAtr, std::min<DWORD>(r.cbAtr, MAX_ATR_SIZE));
     }
-    record(line);
-    const c_answer a = next_answer("SCardGetStatusChange");
-    LONG r = SCARD_S_SUCCESS;
-    if (a.number("block", 0)) {
-        c_state& s = state();
-        std::unique_lock<std::mutex> l(s.mutex);
-        const unsigned cancels = s.cancels[hContext];
-        const unsigned release_all = s.release_all;
-        ++s.blocked;
-        s.changed.notify_all();
-        const bool ended = s.changed.wait_for(l, std::chrono::seconds(60), [&] {
-            return s.cancels[hContext] != cancels || s.release_all != release_all;
-        });
-        --s.blocked;
-        r = ended ? static_cast<LONG>(SCARD_E_CANCELLED) : static_cast<LONG>(SCARD_E_TIMEOUT);
-    }
-    for (DWORD i = 0; rgReaderStates && i < cReaders; ++i) {
-        const std::string n = std::to_string(i);
-        SCARD_READERSTATE& rs = rgReaderStates[i];
-        if (a.has("event" + n)) rs.dwEventState = static_cast<DWORD>(a.number("event" + n, 0));
-        if (a.has("atr" + n)) {
-            const bytes atr = a.data("atr" + n, {});
-            rs.cbAtr = static_cast<DWORD>(atr.size() < MAX_ATR_SIZE ? atr.size() : MAX_ATR_SIZE);
-            std::memcpy(rs.rgbAtr, atr.data(), rs.cbAtr);
-        }
-    }
-    return result(a, r);
+    const c_answer a = enter(line);
+    if (!a.count("block")) return result(a, SCARD_S_SUCCESS);
+    c_state& s = state();
+    std::unique_lock<std::mutex> l(s.mutex);
+    const unsigned cancels = s.cancels[hContext], resets = s.resets;
+    ++s.blocked;
+    s.changed.notify_all();
+    const bool ended = s.changed.wait_for(l, std::chrono::seconds(60),
+                                          [&] { return s.cancels[hContext] != cancels || s.resets != resets; });
+    --s.blocked;
+    return result(a, ended ? SCARD_E_CANCELLED : SCARD_E_TIMEOUT);
 }
 
-LONG SCardControl(SCARDHANDLE hCard, DWORD dwControlCode, LPCVOID pbSendBuffer, DWORD cbSendLength,
-                  LPVOID pbRecvBuffer, DWORD cbRecvLength, LPDWORD lpBytesReturned) {
-    record("SCardControl card=" + num(hCard) + " code=" + num(dwControlCode) + " send=" +
-           hex(pbSendBuffer, cbSendLength) + " send_len=" + num(cbSendLength) + " recv=" + ptr(pbRecvBuffer) +
-           " recv_len=" + num(cbRecvLength) + " returned=" + ptr(lpBytesReturned));
-    const c_answer a = next_answer("SCardControl");
-    const bytes out = a.data("recv", {});
-    DWORD n = cbRecvLength;
-    LONG r = SCARD_S_SUCCESS;
-    if (pbRecvBuffer && out.size() > cbRecvLength) {
-        r = SCARD_E_INSUFFICIENT_BUFFER;
-    } else if (pbRecvBuffer) {
-        if (!out.empty()) std::memcpy(pbRecvBuffer, out.data(), out.size());
-    }
-    n = static_cast<DWORD>(out.size());
-    if (lpBytesReturned) *lpBytesReturned = n;
-    return result(a, r);
+LONG SCardControl(SCARDHANDLE hCard, DWORD dwControlCode, LPCVOID pbSendBuffer, DWORD cbSendLength, LPVOID pbRecvBuffer,
+                  DWORD cbRecvLength, LPDWORD lpBytesReturned) {
+    const c_answer a = enter("SCardControl card=" + num(hCard) + " code=" + num(dwControlCode) +
+                             " send=" + hex(pbSendBuffer, cbSendLength) + " recv=" + ptr(pbRecvBuffer) +
+                             " recv_len=" + num(cbRecvLength));
+    if (lpBytesReturned) *lpBytesReturned = 0;
+    return result(a, SCARD_S_SUCCESS);
 }
 
 #ifndef STANDIN_PARTIAL
 LONG SCardTransmit(SCARDHANDLE hCard, const SCARD_IO_REQUEST* pioSendPci, LPCBYTE pbSendBuffer, DWORD cbSendLength,
                    SCARD_IO_REQUEST* pioRecvPci, LPBYTE pbRecvBuffer, LPDWORD pcbRecvLength) {
-    std::string pci = "null";
-    if (pioSendPci) {
-        pci = num(pioSendPci->dwProtocol) + "/" + num(pioSendPci->cbPciLength);
-    }
-    record("SCardTransmit card=" + num(hCard) + " send_pci=" + pci + " send=" + hex(pbSendBuffer, cbSendLength) +
-           " recv_pci=" + (pioRecvPci ? num(pioRecvPci->dwProtocol) + "/" + num(pioRecvPci->cbPciLength) : "null") +
-           " recv=" + ptr(pbRecvBuffer) + " recv_len=" + len(pcbRecvLength));
-    const c_answer a = next_answer("SCardTransmit");
-    const LONG r = deliver(a.data("recv", {0x90, 0x00}), pbRecvBuffer, pcbRecvLength, false);
-    if (pioRecvPci && a.has("recv_pci")) {
-        pioRecvPci->dwProtocol = a.number("recv_pci", 0);
-        pioRecvPci->cbPciLength = sizeof(SCARD_IO_REQUEST);
-    }
-    return result(a, r);
+    const c_answer a =
+        enter("SCardTransmit card=" + num(hCard) + " send_pci=" + (pioSendPci ? num(pioSendPci->dwProtocol) : "null") +
+              " send=" + hex(pbSendBuffer, cbSendLength) + " recv_pci=" + ptr(pioRecvPci) +
+              " recv_len=" + len(pcbRecvLength));
+    return result(a, deliver({0x90, 0x00}, pbRecvBuffer, pcbRecvLength));
+}
+
+LONG SCardListReaders(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders, LPDWORD pcchReaders) {
+    const c_answer a = enter("SCardListReaders ctx=" + num(hContext) + " groups=" + text(mszGroups) +
+                             " readers=" + ptr(mszReaders) + " len=" + len(pcchReaders));
+    return result(a, deliver(literal("Standin Reader 00 00\0"), mszReaders, pcchReaders));
 }
 #endif
 
 LONG SCardListReaderGroups(SCARDCONTEXT hContext, LPSTR mszGroups, LPDWORD pcchGroups) {
-    record("SCardListReaderGroups ctx=" + num(hContext) + " groups=" + ptr(mszGroups) + " len=" + len(pcchGroups));
-    const c_answer a = next_answer("SCardListReaderGroups");
-    return result(a, deliver(as_multistring(multistring(a, "SCard$DefaultReaders")), mszGroups, pcchGroups, true));
+    const c_answer a =
+        enter("SCardListReaderGroups ctx=" + num(hContext) + " groups=" + ptr(mszGroups) + " len=" + len(pcchGroups));
+    return result(a, deliver(literal("SCard$DefaultReaders\0"), mszGroups, pcchGroups));
 }
-
-#ifndef STANDIN_PARTIAL
-LONG SCardListReaders(SCARDCONTEXT hContext, LPCSTR mszGroups, LPSTR mszReaders, LPDWORD pcchReaders) {
-    record("SCardListReaders ctx=" + num(hContext) + " groups=" + text(mszGroups) + " readers=" + ptr(mszReaders) +
-           " len=" + len(pcchReaders));
-    const c_answer a = next_answer("SCardListReaders");
-    return result(a, deliver(as_multistring(multistring(a, "Standin Reader 00 00")), mszReaders, pcchReaders, true));
-}
-#endif
 
 LONG SCardFreeMemory(SCARDCONTEXT, LPCVOID) { return SCARD_S_SUCCESS; }
 
 LONG SCardGetAttrib(SCARDHANDLE hCard, DWORD dwAttrId, LPBYTE pbAttr, LPDWORD pcbAttrLen) {
-    record("SCardGetAttrib card=" + num(hCard) + " attr=" + num(dwAttrId) + " buf=" + ptr(pbAttr) + " len=" +
-           len(pcbAttrLen));
-    const c_answer a = next_answer("SCardGetAttrib");
-    return result(a, deliver(a.data("attr", {}), pbAttr, pcbAttrLen, true));
+    const c_answer a = enter("SCardGetAttrib card=" + num(hCard) + " attr=" + num(dwAttrId) + " buf=" + ptr(pbAttr) +
+                             " len=" + len(pcbAttrLen));
+    return result(a, deliver({}, pbAttr, pcbAttrLen, true));
 }
 
 LONG SCardSetAttrib(SCARDHANDLE hCard, DWORD dwAttrId, LPCBYTE pbAttr, DWORD cbAttrLen) {
-    record("SCardSetAttrib card=" + num(hCard) + " attr=" + num(dwAttrId) + " data=" + hex(pbAttr, cbAttrLen) +
-           " len=" + num(cbAttrLen));
-    return result(next_answer("SCardSetAttrib"), SCARD_S_SUCCESS);
+    return result(
+        enter("SCardSetAttrib card=" + num(hCard) + " attr=" + num(dwAttrId) + " data=" + hex(pbAttr, cbAttrLen)),
+        SCARD_S_SUCCESS);
 }
 
 // ---- Java: kor.plox.ldm.PcscStandin ------------------------------------------------------------
@@ -491,28 +317,12 @@ JNIEXPORT void JNICALL Java_kor_plox_ldm_PcscStandin_script(JNIEnv* env, jclass,
     env->ReleaseStringUTFChars(line, s);
 }
 
-JNIEXPORT jobjectArray JNICALL Java_kor_plox_ldm_PcscStandin_calls(JNIEnv* env, jclass) {
-    std::vector<std::string> copy;
-    {
-        std::lock_guard<std::mutex> l(state().mutex);
-        copy = state().calls;
-    }
-    jclass string_class = env->FindClass("java/lang/String");
-    if (!string_class) return nullptr;
-    jobjectArray out = env->NewObjectArray(static_cast<jsize>(copy.size()), string_class, nullptr);
-    for (std::size_t i = 0; out && i < copy.size(); ++i) {
-        jstring s = env->NewStringUTF(copy[i].c_str());
-        if (!s) return nullptr;
-        env->SetObjectArrayElement(out, static_cast<jsize>(i), s);
-        env->DeleteLocalRef(s);
-    }
-    return out;
+JNIEXPORT jstring JNICALL Java_kor_plox_ldm_PcscStandin_joinedCalls(JNIEnv* env, jclass) {
+    return env->NewStringUTF(all_calls().c_str());
 }
 
 JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_PcscStandin_waitBlocked(JNIEnv*, jclass, jint n, jint ms) {
     return standin_wait_blocked(n, ms) ? JNI_TRUE : JNI_FALSE;
 }
-
-JNIEXPORT void JNICALL Java_kor_plox_ldm_PcscStandin_releaseBlocked(JNIEnv*, jclass) { standin_release_blocked(); }
 
 }  // extern "C"

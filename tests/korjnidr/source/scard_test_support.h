@@ -85,6 +85,16 @@ inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) 
     return reply_bytes(out);
 }
 
+// The message a failing call throws with; empty when it does not throw.
+inline std::string error_of(std::uint32_t code, const bytes& req) {
+    try {
+        call(code, req);
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "";
+}
+
 // Installs a fresh card service (no PC/SC library loaded, every entry null) for the test; the
 // test sets the entries it needs, e.g. service().SCardTransmit = &fake_transmit.
 class service_fixture : public ::testing::Test {
@@ -119,7 +129,6 @@ public:
         return out;
     }
     bool wait_blocked(int n, int ms) { return wait_blocked_(n, ms) != 0; }
-    void release_blocked() { release_blocked_(); }
 
 private:
     standin() {
@@ -129,7 +138,6 @@ private:
         bind(script_, "standin_script");
         bind(calls_, "standin_calls");
         bind(wait_blocked_, "standin_wait_blocked");
-        bind(release_blocked_, "standin_release_blocked");
     }
     template <class Fn>
     void bind(Fn& fn, const char* name) {
@@ -141,7 +149,6 @@ private:
     void (*script_)(const char*);
     std::size_t (*calls_)(char*, std::size_t);
     int (*wait_blocked_)(int, int);
-    void (*release_blocked_)();
 };
 #endif
 

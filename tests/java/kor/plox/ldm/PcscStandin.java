@@ -32,15 +32,17 @@ public final class PcscStandin {
     /** Forgets script, records and counters; ends blocked calls. */
     public static native void reset();
 
-    /** Adds an answer, e.g. {@code "SCardTransmit rc=0x0 recv=9000"}. */
+    /** Sets a function's answer, e.g. {@code "SCardIsValidContext rc=0x80100003"}. */
     public static native void script(String line);
 
     /** The records, one line per PC/SC call, oldest first. */
-    public static native String[] calls();
+    public static String[] calls() {
+        String all = joinedCalls();
+        return all.isEmpty() ? new String[0] : all.split("\n");
+    }
+
+    private static native String joinedCalls();
 
     /** True once n SCardGetStatusChange calls are blocked (scripted with block=1). */
     public static native boolean waitBlocked(int n, int timeoutMs);
-
-    /** Ends every blocked SCardGetStatusChange with SCARD_E_CANCELLED. */
-    public static native void releaseBlocked();
 }
