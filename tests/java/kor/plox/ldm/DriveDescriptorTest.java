@@ -125,6 +125,7 @@ class DriveDescriptorTest {
         assertTrue(s[12][0] >= 0 && s[12][0] < 1024, "sparse: " + s[12][0]);
 
         assertEquals(0, NativeLDM.m_native_unix_close(err, fd));
+        fd = Integer.MAX_VALUE; // never a descriptor, unlike the closed number that another thread may reuse
         for (int[] field : s) field[0] = -3;
         fails(EBADF, NativeLDM.m_native_unix_close(err, fd));
         fails(EBADF, NativeLDM.m_native_unix_write(err, fd, new byte[1], 1, done));
