@@ -182,6 +182,7 @@ JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_FSReadChanges(JNIEnv* env, jc
     return exception_frame(env, jint{-1}, [&]() -> jint {
         // Held across the wait and copied back on every way out, exceptions included.
         c_int_array_elements elements(env, tag);
+        if (tag && !elements) return -1;  // OutOfMemoryError pending: do not wait, and lose no change
         return watcher_of(handle)->read_change(elements.data());
     });
 }

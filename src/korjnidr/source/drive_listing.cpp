@@ -2,6 +2,8 @@
 #include <dirent.h>
 
 #include <cstdlib>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,31 +15,34 @@ namespace {
 
 constexpr char k_library_version[] = "2.0.0b";
 
-// The names of one directory, "." and ".." left out, as NUL-separated bytes in readdir's
-// order. A name that the process locale cannot turn into a Java string is left out here, so the
-// Java array can be sized before any string is made.
+// The names of one directory, "." and ".." left out, already converted to UTF-16 units in
+// readdir's order. A name that the process locale cannot convert is left out here, once, so the
+// Java array is sized before any string is made and can hold no null element.
 class c_directory_names {
 public:
     // False when the directory cannot be opened; a read error ends the listing like its end.
     bool read(const char* directory) {
-        DIR* dir = ::opendir(directory);
+        const std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(directory), ::closedir);
         if (!dir) return false;
-        while (const dirent* entry = ::readdir(dir)) {
+        c_inline_buffer<4100> store;
+        while (const dirent* entry = ::readdir(dir.get())) {
             const char* name = entry->d_name;
             if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
-            if (std::mbstowcs(nullptr, name, 0) == static_cast<std::size_t>(-1)) continue;
-            starts_.push_back(bytes_.size());
-            bytes_.append(name, std::strlen(name) + 1);
+            const std::size_t n = multibyte_to_units(name, std::strlen(name), store);
+            if (n == static_cast<std::size_t>(-1)) continue;
+            starts_.push_back(units_.size());
+            units_.insert(units_.end(), store.as<jchar>(), store.as<jchar>() + n);
         }
-        ::closedir(dir);
+        starts_.push_back(units_.size());
         return true;
     }
 
-    std::size_t size() const noexcept { return starts_.size(); }
-    const char* operator[](std::size_t i) const noexcept { return bytes_.data() + starts_[i]; }
+    std::size_t size() const noexcept { return starts_.size() - 1; }
+    const jchar* units(std::size_t i) const noexcept { return units_.data() + starts_[i]; }
+    jsize length(std::size_t i) const noexcept { return static_cast<jsize>(starts_[i + 1] - starts_[i]); }
 
 private:
-    std::string bytes_;
+    std::vector<jchar> units_;
     std::vector<std::size_t> starts_;
 };
 
@@ -51,14 +56,13 @@ jobjectArray to_java_strings(JNIEnv* env, const c_directory_names& names) {
     env->DeleteLocalRef(string_class);
     if (!array) return nullptr;
     for (std::size_t i = 0; i < names.size(); ++i) {
-        const c_java_string name(env, names[i]);
-        if (!name.ok && java_exception_pending(env)) {
+        const jstring name = env->NewString(names.units(i), names.length(i));
+        if (!name) {
             env->DeleteLocalRef(array);
             return nullptr;
         }
-        // A name that stopped converting since it was read (the locale changed) stays null.
-        env->SetObjectArrayElement(array, static_cast<jsize>(i), name.string);
-        env->DeleteLocalRef(name.string);
+        env->SetObjectArrayElement(array, static_cast<jsize>(i), name);
+        env->DeleteLocalRef(name);
     }
     return array;
 }

@@ -268,15 +268,15 @@ JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1readdir(JNIE
         const int failed = ::readdir_r(dir_of(dir), &entry, &result);
 #pragma GCC diagnostic pop
         const int saved = errno;
-        // readdir_r returns its error rather than relying on errno; glibc sets both alike.
+        // readdir_r returns its error (errno may stay 0, e.g. for a name longer than NAME_MAX).
         if (failed) return report_errno(env, err, failed);
         if (!result) {
             report_errno(env, err, saved);
             return 1;
         }
-        put_result(env, ino, entry.d_ino);
         const c_java_string converted(env, entry.d_name);
         if (!converted.ok && java_exception_pending(env)) return -1;  // NewString ran out of memory
+        put_result(env, ino, entry.d_ino);
         env->SetObjectArrayElement(name, 0, converted.string);
         return 0;
     });

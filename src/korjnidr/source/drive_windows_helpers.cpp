@@ -32,8 +32,14 @@ bool is_hidden_path(const char* path) noexcept {
     return path[0] == '.';
 }
 
+// File systems such as tmpfs keep any 64-bit time; one beyond the file-time range saturates
+// instead of wrapping.
 std::int64_t unix_to_file_time(std::int64_t seconds, std::int64_t nanoseconds) noexcept {
-    return (seconds + k_seconds_1601_to_1970) * k_ticks_per_second + nanoseconds / 100;
+    std::int64_t t = 0;
+    if (__builtin_add_overflow(seconds, k_seconds_1601_to_1970, &t) ||
+        __builtin_mul_overflow(t, k_ticks_per_second, &t) || __builtin_add_overflow(t, nanoseconds / 100, &t))
+        return seconds < 0 ? INT64_MIN : INT64_MAX;
+    return t;
 }
 
 std::int64_t file_time_to_unix_seconds(std::int64_t file_time) noexcept {

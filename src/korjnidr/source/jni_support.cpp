@@ -73,7 +73,9 @@ c_native_text<N>::c_native_text(JNIEnv* env, jstring s) {
     c_inline_buffer<N> wide_store;
     auto* wide = reinterpret_cast<wchar_t*>(wide_store.allocate(sizeof(wchar_t) * (count + 1)));
     const jchar* units = env->GetStringChars(s, nullptr);
-    if (!units) return;
+    // The VM's OutOfMemoryError is pending: leave through the frame, which keeps it, rather than
+    // letting a caller report a conversion failure with more JNI calls.
+    if (!units) throw c_jniexception("GetStringChars");
     bool embedded_nul = false;
     for (std::size_t i = 0; i < count; ++i) {
         wide[i] = static_cast<wchar_t>(units[i]);  // surrogate halves stay separate characters
@@ -95,20 +97,26 @@ c_native_text<N>::c_native_text(JNIEnv* env, jstring s) {
 template class c_native_text<4100>;
 template class c_native_text<1028>;
 
-c_java_string::c_java_string(JNIEnv* env, const char* text) {
-    const std::size_t count = std::strlen(text);
-    byte_count = static_cast<std::int32_t>(count);
-    c_inline_buffer<4100> wide_store;
-    auto* wide = reinterpret_cast<wchar_t*>(wide_store.allocate(sizeof(wchar_t) * (count + 1)));
+std::size_t multibyte_to_units(const char* text, std::size_t count, c_inline_buffer<4100>& store) {
+    auto* wide = reinterpret_cast<wchar_t*>(store.allocate(sizeof(wchar_t) * (count + 1)));
     const std::size_t n = std::mbstowcs(wide, text, count + 1);
-    if (n == static_cast<std::size_t>(-1)) return;
+    if (n == static_cast<std::size_t>(-1)) return n;
     // Narrow in place: unit i lands at or before wide[i], which has already been read.
-    auto* units = reinterpret_cast<jchar*>(wide);
+    auto* units = store.as<jchar>();
     for (std::size_t i = 0; i < n; ++i) {
         const auto unit = static_cast<jchar>(static_cast<std::uint32_t>(wide[i]) & 0xFFFFu);
         std::memcpy(units + i, &unit, sizeof unit);
     }
-    string = env->NewString(units, static_cast<jsize>(n));
+    return n;
+}
+
+c_java_string::c_java_string(JNIEnv* env, const char* text) {
+    const std::size_t count = std::strlen(text);
+    byte_count = static_cast<std::int32_t>(count);
+    c_inline_buffer<4100> store;
+    const std::size_t n = multibyte_to_units(text, count, store);
+    if (n == static_cast<std::size_t>(-1)) return;
+    string = env->NewString(store.as<jchar>(), static_cast<jsize>(n));
     ok = string != nullptr;
 }
 
@@ -121,14 +129,17 @@ c_mutex::c_mutex(bool recursive) : m() {
     }
     pthread_mutexattr_t attr;
     if (pthread_mutexattr_init(&attr) != 0) throw std::runtime_error("pthread_mutexattr_init() failure");
-    // The attribute object is destroyed on every path, so a failed step leaks nothing.
-    struct attr_guard {
-        pthread_mutexattr_t* a;
-        ~attr_guard() { pthread_mutexattr_destroy(a); }
-    } guard{&attr};
-    if (pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) != 0)
-        throw std::runtime_error("pthread_mutexattr_settype() failure");
-    if (pthread_mutex_init(&m, &attr) != 0) throw std::runtime_error("pthread_mutex_init() failure");
+    // A failed step 2 or 3 still destroys the attribute object, so nothing is left behind.
+    const auto fail = [&](const char* message) {
+        pthread_mutexattr_destroy(&attr);
+        throw std::runtime_error(message);
+    };
+    if (pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) != 0) fail("pthread_mutexattr_settype() failure");
+    if (pthread_mutex_init(&m, &attr) != 0) fail("pthread_mutex_init() failure");
+    if (pthread_mutexattr_destroy(&attr) != 0) {
+        pthread_mutex_destroy(&m);
+        throw std::runtime_error("pthread_mutexattr_destroy() failure");
+    }
 }
 
 c_mutex::~c_mutex() { pthread_mutex_destroy(&m); }

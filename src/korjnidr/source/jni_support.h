@@ -208,6 +208,11 @@ extern template class c_native_text<1028>;
 using c_native_path = c_native_text<4100>;
 using c_native_short_string = c_native_text<1028>;
 
+// NUL-terminated multibyte text of `count` bytes to UTF-16 units (each character's low 16 bits)
+// at store.as<jchar>(); returns the number of units, or (size_t)-1 when the text is not valid in
+// the process locale.
+std::size_t multibyte_to_units(const char* text, std::size_t count, c_inline_buffer<4100>& store);
+
 // NUL-terminated multibyte text to a Java string; `string` is null (and `ok` false) when the text
 // is not valid in the process locale or the VM could not make the string.
 class c_java_string {
