@@ -14,3 +14,12 @@ TEST(DriveOpenFlags, EachJavaBitAndNothingElse) {
     };
     for (const auto& c : cases) EXPECT_EQ(translate_open_flags(c.java), c.linux_flags) << std::hex << c.java;
 }
+
+TEST(DriveFileTime, TruncatesAndSaturates) {
+    EXPECT_EQ(unix_to_file_time(1, 500000099), 116444736015000000);
+    EXPECT_EQ(unix_to_file_time(-11644473600, 0), 0);                  // 1601-01-01
+    EXPECT_EQ(unix_to_file_time(9000000000000, 0), INT64_MAX);         // far future kept by tmpfs
+    EXPECT_EQ(unix_to_file_time(-9000000000000, 0), INT64_MIN);
+    EXPECT_EQ(file_time_to_unix_seconds(116444736000000000), 0);
+    EXPECT_EQ(file_time_to_unix_seconds(116444735985000000), -2);     // 1601-based ticks truncate first
+}
