@@ -133,6 +133,11 @@ public:
     T* data() const noexcept { return elements_; }
     explicit operator bool() const noexcept { return elements_ != nullptr; }
     T& operator[](std::size_t i) const noexcept { return elements_[i]; }
+    // Writes element 0 when the array has one (a zero-length array is left alone; so is any array
+    // while an exception is pending, when its length cannot be asked).
+    void set_first(T v) const {
+        if (elements_ && !env_->ExceptionCheck() && env_->GetArrayLength(array_) > 0) elements_[0] = v;
+    }
     void abort_changes() noexcept { mode_ = JNI_ABORT; }
     void keep_changes() noexcept { mode_ = 0; }
 

@@ -145,14 +145,15 @@ void scard_control(c_ndr_reader& in, c_ndr_writer& out) {
     DWORD returned = 0;
     std::uint32_t result = k_scard_e_invalid_parameter;
     if (length_fits(in_size, in_ref, input)) {
-        if (!out_is_null) output.reset(new unsigned char[out_len]);
+        // Zeroed, so a reader driver that reports more than it wrote cannot send stale heap bytes.
+        if (!out_is_null) output.reset(new unsigned char[out_len]());
         result = pcsc_result(scard_service().SCardControl, card, DWORD{control_code}, in_ref ? input.data : nullptr,
                              DWORD{in_size}, output.get(), DWORD{out_len}, &returned);
     }
 
     // PC/SC cannot have returned more than the buffer holds; with no buffer the zeros sent in
-    // its place are bounded the same way.
-    const auto n = static_cast<std::uint32_t>(std::min<DWORD>(returned, out_len));
+    // its place are bounded by the channel's maximum, as in GetAttrib's length-only mode.
+    const auto n = static_cast<std::uint32_t>(std::min<DWORD>(returned, out_is_null ? k_max_out_len : out_len));
     if (result == 0 && n > 0) {
         write_array_reply(out, n, output.get());
     } else {

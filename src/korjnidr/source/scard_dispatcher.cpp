@@ -165,7 +165,7 @@ jint get_smart_card_id(JNIEnv* env, jintArray status) {
     return exception_frame(env, jint{-1}, [&]() -> jint {
         c_int_array_elements st(env, status);
         if (status && !st) return -1;
-        if (st) st[0] = 0;
+        st.set_first(0);
         return scard_get_owner_id();
     });
 }
@@ -198,13 +198,16 @@ JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_NativeGetSmartCardID(JNIEnv* 
 
 JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1create(JNIEnv* env, jclass, jintArray err,
                                                                                jintArray status, jintArray id) {
+    // A failed Get leaves OutOfMemoryError pending: no further JNI call, no owner id taken.
     c_int_array_elements e(env, err);
+    if (err && !e) return JNI_FALSE;
     c_int_array_elements ids(env, id);
+    if (id && !ids) return JNI_FALSE;
     const jint r = get_smart_card_id(env, status);
     const int saved = errno;
-    if (ids) ids[0] = r;
+    ids.set_first(r);
     if (r >= 0) return JNI_TRUE;
-    if (e) e[0] = saved;  // the raw errno, not mapped
+    e.set_first(saved);  // the raw errno, not mapped
     return JNI_FALSE;
 }
 
@@ -215,10 +218,10 @@ JNIEXPORT void JNICALL Java_kor_plox_ldm_NativeLDM_NativeSmartCancelPending(JNIE
 JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1close(JNIEnv* env, jclass cls, jintArray err,
                                                                               jint owner) {
     c_int_array_elements e(env, err);
-    if (e) e[0] = -1;
+    e.set_first(-1);
     Java_kor_plox_ldm_NativeLDM_NativeSmartCancelPending(env, cls, owner);
     const int saved = errno;
-    if (e) e[0] = saved;
+    e.set_first(saved);
     return JNI_TRUE;
 }
 

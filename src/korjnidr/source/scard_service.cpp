@@ -241,8 +241,9 @@ void scard_release_use() {
 }
 
 void scard_cancel_pending(std::int32_t owner) {
-    // A use of its own for the cancel keeps the service alive even if the same id is closed twice
-    // at once; the owner's use is given back after it.
+    // A use of its own keeps the service alive for this cancel even if the same id is closed twice
+    // at once; the owner's use is given back after it. (Owner ids are not tracked: closing an id
+    // twice gives back two uses, as the counting rules say, which is the Java side's affair.)
     c_scard_use use;
     if (!use) return;
     scard_service().cancel_owner(owner);

