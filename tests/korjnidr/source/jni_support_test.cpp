@@ -66,14 +66,3 @@ TEST(MutexLock, UnlocksDuringUnwinding) {
     r.unlock();
     r.unlock();
 }
-
-TEST(InlineBuffer, StaysInlineUpToCapacity) {
-    c_inline_buffer<16> b;
-    b.allocate(16);
-    EXPECT_FALSE(b.on_heap());
-    b.allocate(17);
-    EXPECT_TRUE(b.on_heap());
-    EXPECT_EQ(b.capacity, 17u);
-    b.allocate(3);
-    EXPECT_FALSE(b.on_heap());
-}
