@@ -1,5 +1,4 @@
-// Shared stand-ins for PC/SC entries in the smart card handler tests: one recorder of what the
-// last call was given, a generic answer that writes the bytes the test chose, and body builders.
+// Stand-ins for PC/SC entries in the smart card handler tests, with request and reply builders.
 #pragma once
 
 #include <cstring>
@@ -10,6 +9,8 @@
 #include "scard_test_support.h"
 
 namespace scard_test {
+
+using namespace kor::jni;
 
 struct recorder {
     int calls = 0;
@@ -24,22 +25,24 @@ struct recorder {
     DWORD report = 0;  // when not 0: the length reported instead of the reply's
 };
 inline recorder fake;
+using offers = std::vector<std::pair<bool, DWORD>>;
 
-inline void record(std::uint64_t handle, const void* in, DWORD in_len, const void* out, DWORD room) {
-    ++fake.calls;
-    fake.handle = handle;
-    fake.null_in = in == nullptr;
+// Records a call; `numbers` go to a, b, c in order. Returns fake.answer.
+inline LONG record(std::uint64_t handle, const void* in, DWORD in_len, const void* out, DWORD room,
+                   std::initializer_list<DWORD> numbers = {}) {
     const auto* p = static_cast<const std::uint8_t*>(in);
+    ++fake.calls, fake.handle = handle, fake.null_in = !in, fake.null_out = !out, fake.room = room;
     fake.sent = in ? bytes(p, p + in_len) : bytes{};
-    fake.null_out = out == nullptr;
-    fake.room = room;
-    fake.offers.emplace_back(out == nullptr, room);
+    fake.offers.emplace_back(!out, room);
+    DWORD* to[] = {&fake.a, &fake.b, &fake.c};
+    for (std::size_t i = 0; i < numbers.size(); ++i) *to[i] = numbers.begin()[i];
+    return fake.answer;
 }
 
 // Writes fake.reply into `out`; a reply longer than `room` is refused, as PC/SC does.
 inline LONG answer(void* out, DWORD room, DWORD* len) {
     if (fake.answer) return fake.answer;
-    if (out && room < fake.reply.size()) return static_cast<LONG>(kor::jni::k_scard_e_insufficient_buffer);
+    if (out && room < fake.reply.size()) return static_cast<LONG>(k_scard_e_insufficient_buffer);
     if (out && !fake.reply.empty()) std::memcpy(out, fake.reply.data(), fake.reply.size());
     *len = fake.report ? fake.report : static_cast<DWORD>(fake.reply.size());
     return 0;
@@ -47,23 +50,30 @@ inline LONG answer(void* out, DWORD room, DWORD* len) {
 
 class fake_fixture : public service_fixture {
 protected:
-    void SetUp() override {
-        service_fixture::SetUp();
-        fake = recorder{};
-    }
+    void SetUp() override { service_fixture::SetUp(); fake = recorder{}; }
 };
 
-inline bytes run(void (*handler)(kor::jni::c_ndr_reader&, kor::jni::c_ndr_writer&), const bytes& req) {
-    kor::jni::c_ndr_reader in(req.data(), req.size());
-    kor::jni::c_ndr_writer out;
-    handler(in, out);
-    return reply_bytes(out);
+// A conformant varying string: count, offset 0, count, the units (16-bit when wide, else bytes), pad.
+inline request& text(request& r, bool wide, const std::vector<std::uint16_t>& units) {
+    const auto c = static_cast<std::uint32_t>(units.size());
+    r.u32s({c, 0, c});
+    for (auto u : units) wide ? r.u16(u) : r.raw({static_cast<std::uint8_t>(u)});
+    return r.pad4();
+}
+// A call on the card of wire id `card` with no context: `fields`, then `data` as a byte array when given.
+inline bytes on_card(std::initializer_list<std::uint32_t> fields, const bytes* data = nullptr, std::uint32_t card = 1) {
+    request r;
+    r.u32s({0, 0, 4, 1}).u32s(fields).handle(card);
+    return (data ? r.byte_array(*data) : r).build();
 }
 
 inline bytes le32(std::initializer_list<std::uint32_t> values) {
+    const bytes all = request().u32s(values).build();
+    return bytes(all.begin() + 16, all.end());
+}
+inline bytes le16(std::initializer_list<std::uint16_t> units) {
     bytes out;
-    for (auto v : values)
-        for (int i = 0; i < 4; ++i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+    for (auto u : units) out.insert(out.end(), {static_cast<std::uint8_t>(u), static_cast<std::uint8_t>(u >> 8)});
     return out;
 }
 inline bytes cat(bytes a, const bytes& b) {
@@ -83,10 +93,6 @@ inline bytes array_body(const bytes& v) {
 }
 inline const bytes no_body(12, 0);
 
-inline bytes le16(std::initializer_list<std::uint16_t> units) {
-    bytes out;
-    for (auto u : units) out.insert(out.end(), {static_cast<std::uint8_t>(u), static_cast<std::uint8_t>(u >> 8)});
-    return out;
-}
-
 }  // namespace scard_test
+
+using namespace scard_test;

@@ -1,10 +1,4 @@
-#include <cstring>
-#include <string>
-
 #include "scard_fakes.h"
-
-using namespace kor::jni;
-using namespace scard_test;
 
 namespace {
 
@@ -16,8 +10,7 @@ LONG sizing_answer;
 
 LONG fake_status(SCARDHANDLE card, LPSTR names, LPDWORD cch, LPDWORD state, LPDWORD proto, LPBYTE atr,
                  LPDWORD atr_len) {
-    record(card, nullptr, 0, names, *cch);
-    fake.a = *atr_len;
+    record(card, nullptr, 0, names, *cch, {*atr_len});
     const DWORD offered = *cch;
     *cch = name.size() + 1;
     if (names && offered < *cch) return sizing_answer;
@@ -28,22 +21,16 @@ LONG fake_status(SCARDHANDLE card, LPSTR names, LPDWORD cch, LPDWORD state, LPDW
     return 0;
 }
 
-// Status_Call with a card handle of wire id 1 and no context.
-bytes status_call(std::uint32_t names_is_null, std::uint32_t cch, std::uint32_t cb_atr = 0) {
-    return request().u32s({0, 0, 4, 1, names_is_null, cch, cb_atr}).handle(1).build();
-}
-
 // A success: cBytes, referent 1, state 6, protocol, the 32-byte ATR field holding 3B 00 00,
 // cbAtrLen 3, then the names array.
-bytes success(const bytes& names, std::uint32_t protocol = 2) {
+bytes success(const bytes& names) {
     const auto n = static_cast<std::uint32_t>(names.size());
     bytes atr(32, 0);
     atr[0] = 0x3B;
-    return body({n, 1, 6, protocol}, cat(cat(atr, le32({3, n})), names));
+    return body({n, 1, 6, 2}, cat(cat(atr, le32({3, n})), names));
 }
 
-class ScardStatus : public fake_fixture {
-protected:
+struct ScardStatus : fake_fixture {
     void SetUp() override {
         fake_fixture::SetUp();
         name = "R1", protocol = 2, sizing_answer = static_cast<LONG>(k_scard_e_insufficient_buffer);
@@ -55,31 +42,28 @@ protected:
 }  // namespace
 
 TEST_F(ScardStatus, FixedModeRepliesInBothWidths) {
-    bytes reply = run(scard_status_a, status_call(0, 100));
+    bytes reply = call(200, on_card({0, 100, 77}));
     EXPECT_EQ(fake.handle, SCARDHANDLE{0xCA4D});
     EXPECT_EQ(fake.room, 99u);  // one less than the buffer
     EXPECT_EQ(fake.a, 32u);     // whatever the request's cbAtrLen
-    EXPECT_EQ(reply.size(), 16u + 64u);
     EXPECT_EQ(result_of(reply), 0u);
-    EXPECT_EQ(body_of(reply), success({0x52, 0x31, 0, 0}));
+    EXPECT_EQ(body_of(reply), success({0x52, 0x31, 0, 0}));  // 64 bytes with the result
+    reply = call(204, on_card({0, 100, 0}));
+    EXPECT_EQ(body_of(reply), success(le16({0x52, 0x31, 0, 0})));  // 68, padded by 4
 
-    reply = run(scard_status_w, status_call(0, 100, 77));
-    EXPECT_EQ(fake.a, 32u);
-    EXPECT_EQ(reply.size(), 16u + 72u);  // 68 bytes of result and body, padded by 4
-    EXPECT_EQ(body_of(reply), success(le16({0x52, 0x31, 0, 0})));
-
-    fake.answer = static_cast<LONG>(0x80100069);  // card removed
-    reply = run(scard_status_w, status_call(0, 10));
-    EXPECT_EQ(result_of(reply), 0x80100069u);
-    EXPECT_EQ(body_of(reply), bytes(52, 0));  // 4 + 4 + 4 + 4 + 32 + 4, no array
+    // PC/SC's protocol, as the peer knows it.
+    for (const auto& [pcsc, sent] : {std::pair<DWORD, std::uint32_t>{0, 0}, {1, 1}, {3, 0}, {4, 0x10000}, {8, 0}}) {
+        protocol = pcsc;
+        EXPECT_EQ(u32_at(call(200, on_card({0, 10, 0})), 32), sent) << pcsc;
+    }
 }
 
 TEST_F(ScardStatus, AllocatingModeSizesFirst) {
     name = "ABCDEFGH";  // PC/SC reports 9
-    const bytes reply = run(scard_status_a, status_call(0, 0xFFFFFFFF));
-    EXPECT_EQ(fake.offers, (std::vector<std::pair<bool, DWORD>>{{false, 1}, {false, 9}}));  // of a 10-byte buffer
+    const bytes reply = call(200, on_card({0, ~0u, 0}));
+    EXPECT_EQ(fake.offers, (offers{{false, 1}, {false, 9}}));  // of a 10-byte buffer
     EXPECT_EQ(body_of(reply), success({'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 0, 0}));
-    const bytes wide = run(scard_status_w, status_call(0, 0xFFFFFFFF));
+    const bytes wide = call(204, on_card({0, ~0u, 0}));
     EXPECT_EQ(body_of(wide), success(le16({'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 0, 0})));
 
     // Without the insufficient-buffer answer there is no length: PC/SC rejecting the handle, a
@@ -88,9 +72,9 @@ TEST_F(ScardStatus, AllocatingModeSizesFirst) {
         fake.offers.clear();
         sizing_answer = answer;
         service().SCardStatus = entry ? &fake_status : nullptr;
-        const bytes failed = run(scard_status_a, status_call(0, 0xFFFFFFFF));
+        const bytes failed = call(200, on_card({0, ~0u, 0}));
         EXPECT_EQ(result_of(failed), 0x8010001Fu);
-        EXPECT_EQ(body_of(failed), bytes(52, 0));
+        EXPECT_EQ(body_of(failed), bytes(52, 0));  // 4 + 4 + 4 + 4 + 32 + 4, no array
         EXPECT_LE(fake.offers.size(), 1u);
     }
 }
@@ -110,17 +94,9 @@ TEST_F(ScardStatus, OfferedLengthsStayInsideTheBuffer) {
     };
     for (const auto& c : cases) {
         fake.offers.clear();
-        const bytes reply = run(scard_status_a, status_call(c.is_null, c.cch));
-        EXPECT_EQ(fake.offers, (std::vector<std::pair<bool, DWORD>>{{c.is_null != 0, c.offered}})) << c.cch;
+        const bytes reply = call(200, on_card({c.is_null, c.cch, 0}));
+        EXPECT_EQ(fake.offers, (offers{{c.is_null != 0, c.offered}})) << c.cch;
         EXPECT_EQ(result_of(reply), c.result) << c.cch;
     }
-    EXPECT_EQ(body_of(run(scard_status_w, status_call(1, 0))), success(bytes(8, 0)));
-}
-
-TEST_F(ScardStatus, ProtocolTranslation) {
-    const std::pair<DWORD, std::uint32_t> table[] = {{0, 0}, {1, 1}, {2, 2}, {3, 0}, {4, 0x10000}, {8, 0}, {0x10000, 0}};
-    for (const auto& [pcsc, sent] : table) {
-        protocol = pcsc;
-        EXPECT_EQ(u32_at(run(scard_status_a, status_call(0, 10)), 32), sent) << pcsc;
-    }
+    EXPECT_EQ(body_of(call(204, on_card({1, 0, 0}))), success(bytes(8, 0)));
 }
