@@ -1,6 +1,7 @@
 // Cost the library adds to a smart card call: a Transmit and a GetStatusChange dispatched through
 // the decoder, the handle tables and the encoder, against a PC/SC entry that returns at once, beside
-// the bare call of that entry. Heap allocations per call are counted: ordinary sizes need none.
+// the bare call of that entry. `new` allocations per call are counted: ordinary sizes need none
+// (GetStatusChange's reader-name copies are malloc'd, one per named reader, and not counted here).
 #include <benchmark/benchmark.h>
 
 #include <atomic>
