@@ -95,6 +95,8 @@ public:
         write_bytes(b, 4);
     }
     void write_bytes(const void* p, std::size_t n);
+    // n u32 fields of zero: the counts and null pointers of a failed call's return structure.
+    void write_zero_fields(std::size_t n) { write_zeros(4 * n); }
     void write_u16_units(const std::uint16_t* p, std::size_t n);
     void pad_to_4() {
         if (size() % 4) write_zeros(4 - size() % 4);

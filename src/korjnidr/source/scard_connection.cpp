@@ -74,7 +74,7 @@ void connect(c_ndr_reader& in, c_ndr_writer& out) {
     const std::uint32_t result =
         pcsc_result(service.SCardConnect, context, name8, share_mode, preferred_protocols, &card, &protocol);
     if (result != 0) {
-        for (int i = 0; i < 5; ++i) out.write_u32(0);
+        out.write_zero_fields(5);
         out.finish(result);
         return;
     }

@@ -46,8 +46,7 @@ void scard_establish_context(c_ndr_reader& in, c_ndr_writer& out, std::int32_t o
         out.write_u32(4);  // array count
         out.write_u32(wire);
     } else {
-        out.write_u32(0);  // no context: length 0, null pointer
-        out.write_u32(0);
+        out.write_zero_fields(2);  // no context: length 0, null pointer
     }
     out.finish(result);
 }

@@ -157,8 +157,7 @@ void scard_control(c_ndr_reader& in, c_ndr_writer& out) {
     if (result == 0 && n > 0) {
         write_array_reply(out, n, output.get());
     } else {
-        out.write_u32(0);
-        out.write_u32(0);
+        out.write_zero_fields(2);
     }
     out.finish(result);
 }
@@ -193,8 +192,7 @@ void scard_get_attrib(c_ndr_reader& in, c_ndr_writer& out) {
                               buffer.data);
         }
     } else {
-        out.write_u32(0);
-        out.write_u32(0);
+        out.write_zero_fields(2);
     }
     out.finish(result);
 }

@@ -26,7 +26,7 @@ void without_owner(c_ndr_reader& in, c_ndr_writer& out, std::int32_t) {
 // null (`Zeros` u32 fields), and the result 120. The request is not read.
 template <int Zeros>
 void unsupported(c_ndr_reader&, c_ndr_writer& out, std::int32_t) {
-    for (int i = 0; i < Zeros; ++i) out.write_u32(0);
+    out.write_zero_fields(Zeros);
     out.finish(k_not_implemented);
 }
 

@@ -91,8 +91,7 @@ void list_multistring(c_ndr_reader& in, c_ndr_writer& out, e_listing what) {
         result = list(buffer.chars(), &n);
     }
     if (result != 0) {
-        out.write_u32(0);
-        out.write_u32(0);
+        out.write_zero_fields(2);
         out.finish(result);
         return;
     }

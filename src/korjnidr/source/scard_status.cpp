@@ -120,7 +120,7 @@ void status(c_ndr_reader& in, c_ndr_writer& out) {
                 Text::put(out, names, m);
         }
     } else {
-        for (int i = 0; i < 4; ++i) out.write_u32(0);
+        out.write_zero_fields(4);
         out.write_zeros(k_atr_field);
         out.write_u32(0);
     }

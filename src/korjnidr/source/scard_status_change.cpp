@@ -144,8 +144,7 @@ void get_status_change(c_ndr_reader& in, c_ndr_writer& out) {
             out.write_zeros(k_wire_atr_size - k_pcsc_atr_size);
         }
     } else {
-        out.write_u32(0);
-        out.write_u32(0);
+        out.write_zero_fields(2);
     }
     out.finish(result);
 }

@@ -85,8 +85,7 @@ void scard_transmit(c_ndr_reader& in, c_ndr_writer& out) {
 
     out.write_u32(0);  // pioRecvPci: never returned
     if (result != 0) {
-        out.write_u32(0);
-        out.write_u32(0);
+        out.write_zero_fields(2);
         out.finish(result);
         return;
     }
