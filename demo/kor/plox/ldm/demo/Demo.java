@@ -6,7 +6,7 @@ import java.nio.file.Path;
 import java.util.Arrays;
 
 import kor.plox.ldm.NativeLDM;
-import kor.plox.ldm.Rdpesc;
+import kor.plox.ldm.tool.Rdpesc;
 
 /** Uses the library from a real JVM the way the redirection client does, and says what happened. */
 public final class Demo {

@@ -1,5 +1,6 @@
 package kor.plox.ldm;
 
+import kor.plox.ldm.tool.Rdpesc;
 import static org.junit.jupiter.api.Assertions.*;
 
 import java.nio.charset.StandardCharsets;

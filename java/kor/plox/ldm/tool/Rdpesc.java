@@ -1,9 +1,9 @@
-package kor.plox.ldm;
+package kor.plox.ldm.tool;
 
 import java.io.ByteArrayOutputStream;
 import java.nio.charset.StandardCharsets;
 
-/** Encodes smart card channel calls and decodes their replies, for tests. */
+/** Encodes smart card channel calls and decodes their replies (used by the demo, the tool and the tests). */
 public final class Rdpesc {
     private Rdpesc() {}
 
