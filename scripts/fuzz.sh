@@ -15,7 +15,7 @@ cmake --build "$build" --target scard_fuzzer -j "$(nproc)"
 corpus=$build/corpus
 mkdir -p "$corpus"
 # Seed: each captured request behind its two-byte control code and an answer variant of 0.
-grep -v '^#' "$KORJNIDR_ROOT/../shared/traces/windows-server/requests.tsv" | while read -r id ioctl _ hex; do
+grep -v "^#" "$KORJNIDR_ROOT/tests/data/windows-server/requests.tsv" | while read -r id ioctl _ hex; do
   code=$((ioctl & 0xFFFF))
   printf "$(printf '\\x%02x\\x%02x\\x00' $((code & 0xFF)) $((code >> 8)))" >"$corpus/${id//#/_}"
   perl -e "print pack(q(H*), q($hex))" >>"$corpus/${id//#/_}"

@@ -1,13 +1,12 @@
 # One line per JUnit class (see korjnidr_java_test in CMakeLists.txt). SANITIZED classes also run
 # against the library built under the address and undefined-behaviour sanitizers.
-korjnidr_java_test(JniFrameTest)
 korjnidr_java_test(ChangeNotificationTest SANITIZED)
 korjnidr_java_test(DriveDescriptorTest SANITIZED)
 korjnidr_java_test(DriveHelperTest SANITIZED)
 korjnidr_java_test(DrivePermissionTest WRAPPER bash ${CMAKE_CURRENT_SOURCE_DIR}/as_unprivileged.sh)
 # Smart card entry points against the PC/SC stand-in variants (tests/pcsc_standin).
 korjnidr_java_test(ScardStandinTest SANITIZED ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/full
-                   KORJNIDR_TRACES=${CMAKE_SOURCE_DIR}/../shared/traces/windows-server/requests.tsv)
+                   KORJNIDR_REQUESTS=${KORJNIDR_REQUESTS})
 korjnidr_java_test(ScardMissingEntriesTest ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/partial)
 korjnidr_java_test(ScardLoadFailureTest ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/broken)
 # Against pcscd with a virtual card (ctest -L realstack); one pcscd at a time.

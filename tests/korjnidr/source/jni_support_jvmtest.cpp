@@ -1,0 +1,151 @@
+// What crosses into and out of a real JVM (started under -Xcheck:jni): text conversion in both
+// directions, and the exception frame's translation of native failures into Java exceptions.
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include "jni_support.h"
+#include "jvm_fixture.h"
+#include "kor_plox_ldm_NativeLDM.h"
+
+using namespace kor::jni;
+
+namespace {
+
+struct locale_scope {
+    explicit locale_scope(const char* name) { EXPECT_NE(std::setlocale(LC_ALL, name), nullptr) << name; }
+    ~locale_scope() { std::setlocale(LC_ALL, "C"); }
+};
+
+jstring make(const std::u16string& s) {
+    return test_env()->NewString(reinterpret_cast<const jchar*>(s.data()), static_cast<jsize>(s.size()));
+}
+
+std::u16string java_chars(jstring s) {
+    JNIEnv* env = test_env();
+    const jchar* p = env->GetStringChars(s, nullptr);
+    std::u16string out(reinterpret_cast<const char16_t*>(p), static_cast<size_t>(env->GetStringLength(s)));
+    env->ReleaseStringChars(s, p);
+    return out;
+}
+
+// The pending exception's class name and message ("-" for none), cleared.
+std::pair<std::string, std::string> take_exception() {
+    JNIEnv* env = test_env();
+    jthrowable e = env->ExceptionOccurred();
+    if (!e) return {"none", ""};
+    env->ExceptionClear();
+    auto text = [env](jobject o, const char* cls, const char* method) -> std::string {
+        jstring s = static_cast<jstring>(
+            env->CallObjectMethod(o, env->GetMethodID(env->FindClass(cls), method, "()Ljava/lang/String;")));
+        if (env->ExceptionCheck()) return "(threw)";
+        if (!s) return "-";
+        const char* c = env->GetStringUTFChars(s, nullptr);
+        std::string out(c);
+        env->ReleaseStringUTFChars(s, c);
+        return out;
+    };
+    return {text(env->GetObjectClass(e), "java/lang/Class", "getName"), text(e, "java/lang/Throwable", "getMessage")};
+}
+
+}  // namespace
+
+TEST(NativePath, EncodesInTheLocaleAndRefusesWhatWouldNameAnotherFile) {
+    locale_scope utf8("C.UTF-8");
+    const struct {
+        std::u16string java;
+        bool ok;
+        std::string native;
+    } cases[] = {
+        {u"", true, ""},
+        {u"a\u00e9", true, "a\xC3\xA9"},
+        {u"\U0001F600", false, ""},                   // each surrogate half alone: not encodable
+        {std::u16string(u"ab\0cd", 5), false, ""},  // U+0000 would cut the path short
+        {std::u16string(1024, u'x'), true, std::string(1024, 'x')},
+        {std::u16string(1025, u'y'), true, std::string(1025, 'y')},  // beyond the inline storage
+    };
+    for (const auto& c : cases) {
+        c_native_path p(test_env(), make(c.java));
+        EXPECT_EQ(p.ok, c.ok) << c.native;
+        if (c.ok) {
+            EXPECT_EQ(p.c_str(), c.native);
+        }
+    }
+    EXPECT_FALSE(c_native_path(test_env(), nullptr).ok);
+}
+
+TEST(NativePath, PosixLocaleRefusesNonAscii) {
+    locale_scope posix("C");
+    EXPECT_FALSE(c_native_path(test_env(), make(u"\u00e9")).ok);
+    c_native_short_string ascii(test_env(), make(u"2.0.0b"));
+    ASSERT_TRUE(ascii.ok);
+    EXPECT_STREQ(ascii.c_str(), "2.0.0b");
+}
+
+TEST(JavaString, FromMultibyte) {
+    locale_scope utf8("C.UTF-8");
+    const struct {
+        std::string native;
+        std::u16string java;
+    } cases[] = {
+        {"abc", u"abc"},
+        {"\xC3\xA9", u"\u00e9"},
+        {"\xF0\x9F\x98\x80", std::u16string(1, char16_t(0xF600))},  // beyond the BMP: low 16 bits
+        {std::string(3000, 'z'), std::u16string(3000, u'z')},
+    };
+    for (const auto& c : cases) {
+        c_java_string s(test_env(), c.native.c_str());
+        ASSERT_TRUE(s.ok) << c.native;
+        EXPECT_EQ(java_chars(s.string), c.java) << c.native;
+    }
+    c_java_string invalid(test_env(), "\xFF");
+    EXPECT_FALSE(invalid.ok);
+    EXPECT_EQ(invalid.string, nullptr);
+}
+
+TEST(ExceptionFrame, NativeFailuresBecomeJavaExceptions) {
+    struct foreign {};
+    const struct {
+        void (*raise)();
+        const char* java_class;
+        const char* message;
+    } cases[] = {
+        {[] { throw c_jniexception("get_array_length"); }, "java.lang.Error", "get_array_length"},
+        {[] { throw std::bad_alloc(); }, "java.lang.OutOfMemoryError", "thrown from native code"},
+        {[] { throw std::runtime_error("provide"); }, "java.lang.Error", "provide"},
+        {[] { throw foreign{}; }, "java.lang.Error", "-"},
+        {[] { throw 42; }, "java.lang.Error", "-"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(exception_frame(test_env(), -7, [&] { return c.raise(), 5; }), -7);
+        EXPECT_EQ(take_exception(), std::make_pair(std::string(c.java_class), std::string(c.message)));
+    }
+    EXPECT_EQ(exception_frame(test_env(), -7, [] { return 5; }), 5);
+    EXPECT_EQ(take_exception().first, "none");
+}
+
+TEST(ExceptionFrame, AFailedJniCallKeepsTheJavaExceptionItLeft) {
+    JNIEnv* env = test_env();
+    exception_frame(env, 0, [env]() -> int {
+        env->ThrowNew(env->FindClass("java/lang/IllegalStateException"), "left by the VM");
+        throw c_jniexception("get_array_length");
+    });
+    EXPECT_EQ(take_exception(), std::make_pair(std::string("java.lang.IllegalStateException"),
+                                               std::string("left by the VM")));
+}
+
+TEST(Initialize, ReportsLevel12AndLeavesTheErrorArray) {
+    JNIEnv* env = test_env();
+    jintArray err = env->NewIntArray(1), level = env->NewIntArray(1);
+    const jint earlier = 99;
+    env->SetIntArrayRegion(err, 0, 1, &earlier);
+    EXPECT_EQ(Java_kor_plox_ldm_NativeLDM_m_1native_1initialize(env, nullptr, err, level), JNI_TRUE);
+    jint values[2];
+    env->GetIntArrayRegion(level, 0, 1, &values[0]);
+    env->GetIntArrayRegion(err, 0, 1, &values[1]);
+    EXPECT_EQ(values[0], 12);
+    EXPECT_EQ(values[1], 99);
+}
