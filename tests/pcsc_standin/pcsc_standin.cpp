@@ -1,24 +1,19 @@
-// Scripted PC/SC stand-in, built as libpcsclite.so.1 for the tests: a PC/SC with contexts but no
-// reader. It defines the 17 functions the library resolves, with pcsc-lite's signatures, and
-// records every call as one text line ("SCardCancel ctx=0xc0000001"). Unless scripted otherwise,
-// the context calls succeed (contexts 0xc0000001, 0xc0000002, ...), GetStatusChange succeeds
-// without a change, the listings and Connect find no reader (SCARD_E_NO_READERS_AVAILABLE) and
-// every call on a card finds none (SCARD_E_INVALID_HANDLE); no call writes more than its handle.
-//
-// Loading. The library under test dlopens "libpcsclite.so.1". A C++ test dlopens this file by its
-// path first (RTLD_NOW | RTLD_GLOBAL); a Java test loads it through kor.plox.ldm.PcscStandin with
-// its folder first on LD_LIBRARY_PATH. The soname matches, so the library gets this very object.
-//
-// Control API (C; the Java natives at the end wrap it):
-//   void   standin_reset(void)                 forget script and records; end blocked calls
-//   void   standin_script(const char* line)    "SCardCancel rc=0x80100003": that function's result;
-//                                              "SCardGetStatusChange block=1": wait until a Cancel
-//                                              or ReleaseContext of the context (or a reset), then
-//                                              answer SCARD_E_CANCELLED
-//   size_t standin_calls(char* buf, size_t n)  records joined by '\n', NUL-terminated when it fits;
-//                                              returns the size needed including the NUL
-//   int    standin_wait_blocked(int n, int ms) 1 once n GetStatusChange calls are blocked
-// Building with STANDIN_PARTIAL leaves out SCardEstablishContext, SCardListReaders, SCardTransmit.
+// Scripted PC/SC stand-in, built as libpcsclite.so.1: a PC/SC with contexts and no reader. It
+// defines the 17 functions the library resolves and records each call as one line ("SCardCancel
+// ctx=0xc0000001"). Unless scripted, the context calls succeed (contexts 0xc0000001, ...),
+// GetStatusChange succeeds, the listings and Connect answer SCARD_E_NO_READERS_AVAILABLE and the
+// card calls SCARD_E_INVALID_HANDLE; nothing but a new context is written back.
+// A test loads it before the library's dlopen of "libpcsclite.so.1" finds it by its soname: C++
+// by its path, Java (PcscStandin) from the first folder of LD_LIBRARY_PATH.
+// Control (C; Java through the natives at the end):
+//   standin_reset()            forget script and records, end blocked calls
+//   standin_script(line)       "SCardCancel rc=0x80100003" sets a result; "SCardGetStatusChange
+//                              block=1" waits for a Cancel or ReleaseContext of the context, then
+//                              answers SCARD_E_CANCELLED
+//   standin_calls(buf, n)      records joined by '\n', NUL-terminated when it fits; returns the size
+//                              needed with the NUL
+//   standin_wait_blocked(n, ms) 1 once n GetStatusChange calls are blocked
+// STANDIN_PARTIAL leaves out SCardEstablishContext, SCardListReaders, SCardTransmit.
 #include <jni.h>
 #include <winscard.h>
 

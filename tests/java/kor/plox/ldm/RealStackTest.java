@@ -56,9 +56,7 @@ class RealStackTest {
         context = ok(Rdpesc.ESTABLISH_CONTEXT, Rdpesc.call().u32(2)).at(32);
 
         Rdpesc.Reply list = ok(Rdpesc.LIST_READERS_A, onContext(0, 0, 0, -1));  // PC/SC allocates
-        list.u32();
-        list.u32();
-        String readers = new String(list.array(), ISO_8859_1);
+        String readers = new String(list.bytes, 32, list.at(28), ISO_8859_1);
         assertTrue(List.of(readers.split("\0")).contains(READER), readers);
 
         Rdpesc.Reply connect = ok(Rdpesc.CONNECT_A,
@@ -68,10 +66,8 @@ class RealStackTest {
 
         Rdpesc.Reply transmit = ok(Rdpesc.TRANSMIT, onCard(card, T1, 0, 0, SELECT_NOTHING.length, 1, 0, 0, 258)
                 .bytes(SELECT_NOTHING));
-        transmit.u32();
-        transmit.u32();
-        transmit.u32();
-        assertArrayEquals(new byte[] {0x6A, (byte) 0x82}, transmit.array(), "file not found");
+        assertArrayEquals(new byte[] {0x6A, (byte) 0x82}, Arrays.copyOfRange(transmit.bytes, 36, 36 + transmit.at(32)),
+                "file not found");
 
         Rdpesc.Reply status = ok(STATUS_A, onCard(card, 0, -1, 32));
         assertEquals(SCARD_SPECIFIC, status.at(28));
