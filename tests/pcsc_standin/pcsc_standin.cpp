@@ -3,9 +3,9 @@
 // ctx=0xc0000001"). Unless scripted, the context calls succeed (contexts 0xc0000001, ...),
 // GetStatusChange succeeds, the listings and Connect answer SCARD_E_NO_READERS_AVAILABLE and the
 // card calls SCARD_E_INVALID_HANDLE; nothing but a new context is written back.
-// A test loads it before the library's dlopen of "libpcsclite.so.1" finds it by its soname: C++
-// by its path, Java (PcscStandin) from the first folder of LD_LIBRARY_PATH.
-// Control (C; Java through the natives at the end):
+// A Java test puts its folder first on LD_LIBRARY_PATH, where the library's dlopen of
+// "libpcsclite.so.1" finds it. A C++ test dlopens it by its path first and scripts it through the
+// functions below; the library's dlopen then finds this very object by its soname.
 //   standin_reset()            forget script and records, end blocked calls
 //   standin_script(line)       "SCardCancel rc=0x80100003" sets a result; "SCardGetStatusChange
 //                              block=1" waits for a Cancel or ReleaseContext of the context, then
@@ -14,7 +14,6 @@
 //                              needed with the NUL
 //   standin_wait_blocked(n, ms) 1 once n GetStatusChange calls are blocked
 // STANDIN_PARTIAL leaves out SCardEstablishContext, SCardListReaders, SCardTransmit.
-#include <jni.h>
 #include <winscard.h>
 
 #include <chrono>
@@ -158,20 +157,5 @@ LONG SCardControl(SCARDHANDLE hCard, DWORD, LPCVOID, DWORD, LPVOID, DWORD, LPDWO
 }
 LONG SCardGetAttrib(SCARDHANDLE hCard, DWORD, LPBYTE, LPDWORD) { return card_call("SCardGetAttrib", hCard); }
 LONG SCardSetAttrib(SCARDHANDLE hCard, DWORD, LPCBYTE, DWORD) { return card_call("SCardSetAttrib", hCard); }
-
-// kor.plox.ldm.PcscStandin
-JNIEXPORT void JNICALL Java_kor_plox_ldm_PcscStandin_reset(JNIEnv*, jclass) { standin_reset(); }
-
-JNIEXPORT void JNICALL Java_kor_plox_ldm_PcscStandin_script(JNIEnv* env, jclass, jstring line) {
-    const char* s = env->GetStringUTFChars(line, nullptr);
-    if (!s) return;
-    standin_script(s);
-    env->ReleaseStringUTFChars(line, s);
-}
-
-JNIEXPORT jstring JNICALL Java_kor_plox_ldm_PcscStandin_joinedCalls(JNIEnv* env, jclass) {
-    std::lock_guard<std::mutex> l(state().mutex);
-    return env->NewStringUTF(state().calls.c_str());
-}
 
 }  // extern "C"
