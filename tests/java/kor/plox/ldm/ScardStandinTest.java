@@ -28,29 +28,22 @@ class ScardStandinTest {
     }
 
     @Test
-    void ownerIdMethodsAnswerThroughTheirArrays() {
+    void ownerIdMethodsAnswerThroughTheirArraysAndNativeSmartTakesAShortCode() {
         int[] err = {77}, status = {5}, id = {0}, status2 = {9};
         assertTrue(NativeLDM.m_native_scard_create(err, status, id));
         assertEquals(77, err[0], "a successful create leaves err");
         assertEquals(0, status[0]);
         assertEquals(id[0] + 1, NativeLDM.NativeGetSmartCardID(status2));
         assertEquals(0, status2[0]);
-        assertTrue(NativeLDM.m_native_scard_close(err, id[0]));
-        assertTrue(NativeLDM.m_native_scard_close(err, id[0] + 1));
-    }
-
-    @Test
-    void nativeSmartTakesAShortCodeAndPcscAnswersComeBack() {
-        int owner = create();
         // The short code selects the call; the second short is not used.
         Rdpesc.Reply established = Rdpesc.reply(
-                NativeLDM.NativeSmart(owner, (short) 0x14, (short) 0x7777, ESTABLISH, ESTABLISH.length));
-        assertEquals(0, established.result());
+                NativeLDM.NativeSmart(id[0], (short) 0x14, (short) 0x7777, ESTABLISH, ESTABLISH.length));
         assertEquals(1, established.at(32), "the first wire handle");
         byte[] connect = Rdpesc.call().u32(1, 4, 1, 2, 2).stringA("R").handle(1).build();
-        assertEquals(0x8010002E, Rdpesc.reply(process(owner, Rdpesc.CONNECT_A, connect)).result(),
+        assertEquals(0x8010002E, Rdpesc.reply(process(id[0], Rdpesc.CONNECT_A, connect)).result(),
                 "the stand-in's SCARD_E_NO_READERS_AVAILABLE");
-        assertTrue(NativeLDM.m_native_scard_close(new int[1], owner));
+        assertTrue(NativeLDM.m_native_scard_close(err, id[0]));
+        assertTrue(NativeLDM.m_native_scard_close(err, id[0] + 1));
     }
 
     @Test
