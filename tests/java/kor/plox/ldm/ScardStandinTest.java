@@ -49,9 +49,11 @@ class ScardStandinTest {
     @Test
     void malformedRequestThrowsAndTheArrayBoundsTheLength() {
         int owner = create();
-        Error cut = assertThrows(Error.class,
-                () -> ldm.m_native_scard_process(null, owner, Rdpesc.ESTABLISH_CONTEXT, ESTABLISH, 19));
-        assertEquals("provide", cut.getMessage());
+        for (int length : new int[] {19, 0}) {
+            Error cut = assertThrows(Error.class,
+                    () -> ldm.m_native_scard_process(null, owner, Rdpesc.ESTABLISH_CONTEXT, ESTABLISH, length));
+            assertEquals("provide", cut.getMessage(), "length " + length);
+        }
         assertEquals(0, ldm.m_native_scard_process(null, owner, 0x000900E4, ESTABLISH, 20).length, "unknown code");
         byte[] beyond = ldm.m_native_scard_process(null, owner, Rdpesc.ESTABLISH_CONTEXT, ESTABLISH, 1 << 30);
         assertEquals(0, Rdpesc.reply(beyond).result());
