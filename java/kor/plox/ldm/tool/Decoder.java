@@ -408,7 +408,7 @@ public final class Decoder {
         /** A conformant array of fixed-size elements, each read by {@code element} with its own prefix. */
         void array(String name, int elementSize, java.util.function.BiConsumer<Cursor, String> element) {
             long n = Integer.toUnsignedLong(u32("*" + name, v -> Integer.toUnsignedString(v) + " elements"));
-            need(n * elementSize, name);
+            need(n * elementSize, "*" + name);
             for (int i = 0; i < n; i++) element.accept(this, name + "[" + i + "]");
         }
 

@@ -173,8 +173,9 @@ final class Doctor {
 
     private static long limit(String name) {
         try {
-            return Long.parseLong(Files.readString(Path.of("/proc/sys/fs/inotify", name)).strip());
-        } catch (IOException | NumberFormatException e) {
+            // readString trusts the size that /proc reports for its files, which is wrong: read lines.
+            return Long.parseLong(Files.readAllLines(Path.of("/proc/sys/fs/inotify", name)).get(0).strip());
+        } catch (IOException | RuntimeException e) {
             return -1;
         }
     }

@@ -177,6 +177,9 @@ public final class Korjnidr {
             if (d.error != null) {
                 err.println("korjnidr decode: " + d.title() + ": decoding stopped at offset " + d.errorOffset + ": " + d.error);
                 status = 1;
+            } else if (!d.complete()) {
+                err.println("korjnidr decode: " + d.title() + ": " + d.note);
+                status = 1;
             }
         }
         return status;

@@ -47,6 +47,7 @@ final class Replay {
                 Session.Exchange e = s.call(r.ioctl(), patch(r.ioctl() & 0xFFFF, r.bytes()));
                 learn(e);
                 String failure = e.refused() != null ? "refused by the library"
+                        : !e.decodedReply().complete() ? "reply not decoded"
                         : e.ok() || e.reply().length == 0 ? null : Names.resultName(e.result());
                 if (failure != null) failures.merge(failure, 1, Integer::sum);
                 print(i + 1, capture.size(), r, e);
