@@ -122,8 +122,8 @@ public final class Demo {
             int protocol = (int) e.value("dwActiveProtocol");
             step(s, "the card's status: reader, protocol and ATR", Rdpesc.STATUS_A, Rdpesc.onCard(context, card, 0, -1, 32));
             transaction(s, context, card, protocol);
-            step(s, "the reader's name as an attribute", Rdpesc.GET_ATTRIB,
-                    Rdpesc.onCard(context, card, 0x7FFF0003, 0, -1));
+            step(s, "the reader's name as an attribute, in 16-bit text", Rdpesc.GET_ATTRIB,
+                    Rdpesc.onCard(context, card, 0x7FFF0005, 0, 256));
             statusChange(s, context);
             step(s, "disconnect, leaving the card as it is", Rdpesc.DISCONNECT, Rdpesc.onCard(context, card, 0));
             step(s, "release the context", Rdpesc.RELEASE_CONTEXT, Rdpesc.context(context));
