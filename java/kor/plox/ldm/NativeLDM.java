@@ -22,9 +22,43 @@ package kor.plox.ldm;
  */
 public class NativeLDM {
     static {
-        System.loadLibrary("korjnidr");
+        try {
+            System.loadLibrary("korjnidr");
+        } catch (UnsatisfiedLinkError notOnPath) {
+            loadBundled(notOnPath);
+        }
     }
 
+    /**
+     * Not on {@code java.library.path}: the library beside the jar that holds this class, or else
+     * the copy that the jar carries (korjnidr-all.jar), extracted once to a file only this user can
+     * read, deleted when the JVM exits.
+     */
+    private static void loadBundled(UnsatisfiedLinkError notOnPath) {
+        try {
+            java.security.CodeSource jar = NativeLDM.class.getProtectionDomain().getCodeSource();
+            java.nio.file.Path beside = jar == null ? null
+                    : java.nio.file.Path.of(jar.getLocation().toURI()).resolveSibling("libkorjnidr.so");
+            java.net.URL carried = NativeLDM.class.getResource("/native/linux-x86_64/libkorjnidr.so");
+            if (beside != null && java.nio.file.Files.isRegularFile(beside)) {
+                System.load(beside.toString());
+            } else if (carried != null) {
+                java.nio.file.Path copy = java.nio.file.Files.createTempFile("libkorjnidr", ".so");
+                copy.toFile().deleteOnExit();
+                try (java.io.InputStream in = carried.openStream()) {
+                    java.nio.file.Files.copy(in, copy, java.nio.file.StandardCopyOption.REPLACE_EXISTING);
+                }
+                System.load(copy.toString());
+            } else {
+                throw notOnPath;
+            }
+        } catch (java.io.IOException | java.net.URISyntaxException | SecurityException e) {
+            notOnPath.addSuppressed(e);
+            throw notOnPath;
+        }
+    }
+
+    /** An instance for the instance method {@link #m_native_scard_process}; it holds no state. */
     public NativeLDM() {
     }
 

@@ -7,23 +7,32 @@ import java.util.Arrays;
 
 import kor.plox.ldm.NativeLDM;
 import kor.plox.ldm.tool.Rdpesc;
+import kor.plox.ldm.tool.Session;
 
 /** Uses the library from a real JVM the way the redirection client does, and says what happened. */
 public final class Demo {
     private Demo() {
     }
 
+    /** Runs the parts named in {@code args} (files, changes, cards), or all three. */
     public static void main(String[] args) throws Exception {
+        java.util.List<String> parts = args.length == 0 ? java.util.List.of("files", "changes", "cards") : java.util.List.of(args);
         Path dir = Files.createTempDirectory("korjnidr-demo");
         try {
-            System.out.println("== drive redirection in " + dir);
-            files(dir);
-            System.out.println();
-            System.out.println("== change notification on " + dir);
-            changes(dir);
-            System.out.println();
-            System.out.println("== smart card session through PC/SC");
-            smartCard();
+            if (parts.contains("files")) {
+                System.out.println("== drive redirection in " + dir);
+                files(dir);
+            }
+            if (parts.contains("changes")) {
+                System.out.println();
+                System.out.println("== change notification on " + dir);
+                changes(dir);
+            }
+            if (parts.contains("cards")) {
+                System.out.println();
+                System.out.println("== a smart card session through the library and PC/SC, each call decoded");
+                smartCard();
+            }
         } finally {
             for (String name : dir.toFile().list()) {
                 Files.deleteIfExists(dir.resolve(name));
@@ -67,74 +76,98 @@ public final class Demo {
     }
 
     static final String READER = "Virtual PCD 00 00";
-    static final NativeLDM LDM = new NativeLDM();
+    static final int SHARED = 2;
+    static final int T0_OR_T1 = 3;
+    static final int INFINITE = -1;
 
-    static Rdpesc.Reply call(int owner, String what, int code, byte[] request) {
-        byte[] reply = LDM.m_native_scard_process(null, owner, code, request, request.length);
-        Rdpesc.Reply r = Rdpesc.reply(reply);
-        System.out.printf("%-22s -> %3d reply bytes, result 0x%08X%n", what, reply.length, r.result());
-        return r;
+    /** One call of the story: why it is made, then the request and the reply decoded, with the time. */
+    static Session.Exchange step(Session s, String why, int code, byte[] request) {
+        Session.Exchange e = s.call(code, request);
+        show(why, e);
+        return e;
     }
 
-    static void smartCard() {
-        int[] err = {0};
-        int[] status = {0};
-        int[] id = {0};
-        if (!NativeLDM.m_native_scard_create(err, status, id)) {
-            System.out.println("PC/SC library not available (errno " + err[0] + ")");
+    static void show(String why, Session.Exchange e) {
+        System.out.printf("%n-- %s (%s)%n", why, e.millis());
+        System.out.print(indent(e.decodedRequest().text()));
+        System.out.print(e.reply() == null ? "    refused: " + e.refused() + "\n" : indent(e.decodedReply().text()));
+    }
+
+    static String indent(String text) {
+        return text.replaceAll("(?m)^", "    ");
+    }
+
+    static void smartCard() throws InterruptedException {
+        Session s;
+        try {
+            s = Session.open();
+        } catch (IllegalStateException e) {
+            System.out.println(e.getMessage());
             return;
         }
-        int owner = id[0];
-        System.out.println("owner id " + owner);
-        try {
-            Rdpesc.Reply r = call(owner, "EstablishContext", Rdpesc.ESTABLISH_CONTEXT, Rdpesc.call().u32(2).build());
-            r.u32();
-            r.u32();
-            int context = le32(r.array());
-            System.out.println("  context wire handle " + context);
-
-            r = call(owner, "ListReadersA", Rdpesc.LIST_READERS_A,
-                    Rdpesc.call().u32(4, 1, 0, 0, 0, -1).handle(context).build());
-            r.u32();
-            r.u32();
-            String readers = new String(r.array(), StandardCharsets.ISO_8859_1);
-            System.out.println("  readers: " + Arrays.toString(readers.split("\0")));
-            if (!readers.contains(READER)) {
-                System.out.println("  (no virtual card reader here: start one with tests/realstack/with_pcscd.sh)");
+        try (s) {
+            System.out.println("owner id " + s.owner + "; every call below goes through the library as the server's would");
+            Session.Exchange e = step(s, "a context, the handle of everything that follows",
+                    Rdpesc.ESTABLISH_CONTEXT, Rdpesc.establishContext(2));
+            int context = (int) e.value("*Context.pbContext");
+            e = step(s, "the readers, in 8-bit text", Rdpesc.LIST_READERS_A, Rdpesc.listReaders(context));
+            step(s, "the readers again, in 16-bit text as most servers ask", Rdpesc.LIST_READERS_W, Rdpesc.listReaders(context));
+            if (!String.valueOf(e.decodedReply().show("*msz")).contains(READER)) {
+                System.out.println("no reader " + READER + " here: start one with tests/realstack/with_pcscd.sh");
                 return;
             }
-
-            r = call(owner, "ConnectA (T=1)", Rdpesc.CONNECT_A,
-                    Rdpesc.call().u32(1, 4, 1, 2, 2).stringA(READER).handle(context).build());
-            r.u32();
-            r.u32();
-            r.u32();
-            r.u32();
-            int protocol = r.u32();
-            int card = le32(r.array());
-            System.out.printf("  card wire handle %d, protocol %d%n", card, protocol);
-
-            byte[] apdu = {0x00, (byte) 0xA4, 0x04, 0x00, 0x00};
-            r = call(owner, "Transmit 00A4040000", Rdpesc.TRANSMIT,
-                    Rdpesc.call().u32(4, 1, 4, 1, protocol, 0, 0, apdu.length, 1, 0, 0, 258)
-                            .handle(context).handle(card).bytes(apdu).build());
-            r.u32();
-            int n = r.u32();
-            r.u32();
-            System.out.println("  card answered " + (n > 0 ? Rdpesc.hex(r.array()) : "nothing"));
-
-            call(owner, "Disconnect (leave)", 0x000900B8,
-                    Rdpesc.call().u32(4, 1, 4, 1, 0).handle(context).handle(card).build());
-            call(owner, "ReleaseContext", Rdpesc.RELEASE_CONTEXT, Rdpesc.call().u32(4, 1).handle(context).build());
-        } finally {
-            NativeLDM.m_native_scard_close(err, owner);
-            System.out.println("owner " + owner + " closed");
+            e = step(s, "connect to the card, shared, T=0 or T=1", Rdpesc.CONNECT_A,
+                    Rdpesc.connect(context, READER, false, SHARED, T0_OR_T1));
+            int card = (int) e.value("*hCard.pbHandle");
+            int protocol = (int) e.value("dwActiveProtocol");
+            step(s, "the card's status: reader, protocol and ATR", Rdpesc.STATUS_A, Rdpesc.onCard(context, card, 0, -1, 32));
+            transaction(s, context, card, protocol);
+            step(s, "the reader's name as an attribute, in 16-bit text", Rdpesc.GET_ATTRIB,
+                    Rdpesc.onCard(context, card, 0x7FFF0005, 0, 256));
+            statusChange(s, context);
+            step(s, "disconnect, leaving the card as it is", Rdpesc.DISCONNECT, Rdpesc.onCard(context, card, 0));
+            step(s, "release the context", Rdpesc.RELEASE_CONTEXT, Rdpesc.context(context));
         }
+        System.out.println();
+        System.out.println("owner closed");
     }
 
-    /** A wire handle: the first four bytes of a handle array, little-endian. */
-    static int le32(byte[] b) {
-        return b.length < 4 ? -1 : (b[0] & 0xFF) | (b[1] & 0xFF) << 8 | (b[2] & 0xFF) << 16 | (b[3] & 0xFF) << 24;
+    /** Exclusive access for a few commands that the virtual card answers. */
+    static void transaction(Session s, int context, int card, int protocol) {
+        step(s, "a transaction: nobody else talks to the card until it ends", Rdpesc.BEGIN_TRANSACTION,
+                Rdpesc.onCard(context, card, 0));
+        String[][] apdus = {
+            {"select the master file", "00A4000C023F00"},
+            {"ask the card for 8 random bytes", "0084000008"},
+            {"read binary: the master file is a folder, not a file", "00B0000000"},
+        };
+        for (String[] a : apdus) {
+            step(s, a[0], Rdpesc.TRANSMIT, Rdpesc.transmit(context, card, protocol, Rdpesc.unhex(a[1]), 258));
+        }
+        step(s, "end the transaction", Rdpesc.END_TRANSACTION, Rdpesc.onCard(context, card, 0));
+    }
+
+    /** A wait for the reader to change, which another thread ends with Cancel. */
+    static void statusChange(Session s, int context) throws InterruptedException {
+        String[] readers = {READER};
+        Session.Exchange now = step(s, "the reader's state, without waiting", Rdpesc.GET_STATUS_CHANGE_A,
+                Rdpesc.getStatusChange(context, 0, false, readers, new int[] {0}));
+        int known = (int) now.value("rgReaderStates[0].dwEventState") & ~0x2;
+        Session.Exchange[] cancel = {null};
+        Thread canceller = new Thread(() -> {
+            try {
+                Thread.sleep(300);
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+            }
+            cancel[0] = s.call(Rdpesc.CANCEL, Rdpesc.context(context));
+        });
+        canceller.start();
+        Session.Exchange wait = s.call(Rdpesc.GET_STATUS_CHANGE_A,
+                Rdpesc.getStatusChange(context, INFINITE, false, readers, new int[] {known}));
+        canceller.join();
+        show("from another thread, 300 ms later: cancel the wait", cancel[0]);
+        show("wait until the reader's state differs from the one just seen; Cancel ends it", wait);
     }
 
     static void files(Path dir) {

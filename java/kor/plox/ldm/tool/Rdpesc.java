@@ -3,7 +3,11 @@ package kor.plox.ldm.tool;
 import java.io.ByteArrayOutputStream;
 import java.nio.charset.StandardCharsets;
 
-/** Encodes smart card channel calls and decodes their replies (used by the demo, the tool and the tests). */
+/**
+ * Encodes smart card channel calls as a server sends them, and replies as the library frames them;
+ * checks a reply's framing (used by the demo, the tool and the tests). {@link Decoder} reads both
+ * back field by field.
+ */
 public final class Rdpesc {
     private Rdpesc() {}
 
@@ -17,12 +21,21 @@ public final class Rdpesc {
     public static final int TRANSMIT = 0x000900D0;
     public static final int ACCESS_STARTED_EVENT = 0x000900E0;
     public static final int INTRODUCE_READER_A = 0x00090060;
+    public static final int LIST_READERS_W = 0x0009002C;
+    public static final int CONNECT_W = 0x000900B0;
+    public static final int DISCONNECT = 0x000900B8;
+    public static final int BEGIN_TRANSACTION = 0x000900BC;
+    public static final int END_TRANSACTION = 0x000900C0;
+    public static final int STATUS_A = 0x000900C8;
+    public static final int GET_ATTRIB = 0x000900D8;
 
     /** A call: the type-serialization header, then the fields in wire order. */
     public static final class Call {
         private final ByteArrayOutputStream b = new ByteArrayOutputStream();
+        private final boolean reply;
 
-        Call() {
+        Call(boolean reply) {
+            this.reply = reply;
             b.writeBytes(new byte[] {1, 0x10, 8, 0, (byte) 0xCC, (byte) 0xCC, (byte) 0xCC, (byte) 0xCC, 0, 0, 0, 0, 0, 0, 0, 0});
         }
 
@@ -53,12 +66,32 @@ public final class Rdpesc {
             return pad();
         }
 
+        /** Conformant varying string of the call's width (bytes, or 16-bit units), with its NUL. */
+        public Call string(String s, boolean wide) {
+            if (!wide) return stringA(s);
+            String t = s + "\0";
+            u32(t.length(), 0, t.length());
+            for (char ch : t.toCharArray()) {
+                b.write(ch);
+                b.write(ch >>> 8);
+            }
+            return pad();
+        }
+
+        /** Bytes as they are, without a count (fixed arrays such as an ATR field). */
+        public Call raw(byte[] v) {
+            b.writeBytes(v);
+            return this;
+        }
+
         public Call pad() {
             while (b.size() % 4 != 0) b.write(0);
             return this;
         }
 
+        /** The request, or for a reply the whole reply padded to 8 as the library finishes it. */
         public byte[] build() {
+            while (reply && b.size() % 8 != 0) b.write(0);
             byte[] out = b.toByteArray();
             int len = out.length - 16;
             for (int i = 0; i < 4; i++) out[8 + i] = (byte) (len >>> (8 * i));
@@ -67,7 +100,50 @@ public final class Rdpesc {
     }
 
     public static Call call() {
-        return new Call();
+        return new Call(false);
+    }
+
+    /** A reply: the header, the return code, then the fields that follow. */
+    public static Call replyOf(int result) {
+        return new Call(true).u32(result);
+    }
+
+    // ---- requests as a server sends them (handles are wire handles) ----------------------------
+
+    public static byte[] establishContext(int scope) {
+        return call().u32(scope).build();
+    }
+
+    /** ReleaseContext, IsValidContext, Cancel: a context and nothing else. */
+    public static byte[] context(int context) {
+        return call().u32(4, 1).handle(context).build();
+    }
+
+    /** ListReaders, all groups, with a buffer of whatever size is needed. */
+    public static byte[] listReaders(int context) {
+        return call().u32(4, 1, 0, 0, 0, -1).handle(context).build();
+    }
+
+    public static byte[] connect(int context, String reader, boolean wide, int shareMode, int protocols) {
+        return call().u32(1, 4, 1, shareMode, protocols).string(reader, wide).handle(context).build();
+    }
+
+    /** A call on a card handle: the handle, the call's own fields, then the two handle arrays. */
+    public static byte[] onCard(int context, int card, int... fields) {
+        return call().u32(4, 1, 4, 1).u32(fields).handle(context).handle(card).build();
+    }
+
+    public static byte[] transmit(int context, int card, int protocol, byte[] apdu, int receiveLength) {
+        return call().u32(4, 1, 4, 1, protocol, 0, 0, apdu.length, 1, 0, 0, receiveLength)
+                .handle(context).handle(card).bytes(apdu).build();
+    }
+
+    /** GetStatusChange for named readers, each with its current state and no ATR. */
+    public static byte[] getStatusChange(int context, int timeout, boolean wide, String[] readers, int[] states) {
+        Call c = call().u32(4, 1, timeout, readers.length, 1).handle(context).u32(readers.length);
+        for (int state : states) c.u32(1, state, 0, 0).raw(new byte[36]);
+        for (String r : readers) c.string(r, wide);
+        return c.build();
     }
 
     /** A reply, checked for its framing; fields are read in order after the result code. */
