@@ -80,10 +80,7 @@ TEST(NdrReader, HostileCountsFailBeforeAllocating) {
     EXPECT_EQ(failure_of({0xF0, 0xFF, 0xFF, 0xFF, 1, 2, 3, 4}, array), "provide");
     EXPECT_EQ(failure_of({0xFF, 0xFF, 0xFF, 0xFF, 7, 0, 0, 0}, [](c_ndr_reader& r) { r.read_handle(); }),
               "provide");
-    auto units = [](c_ndr_reader& r) {
-        c_inline_buffer<4096> buf;
-        r.read_u16_units(buf, 0x80000001u);
-    };
+    auto units = [](c_ndr_reader& r) { r.take_units(0x80000001u, 2); };
     EXPECT_EQ(failure_of({1, 0, 2, 0}, units), "provide");
     // Each width checks what remains.
     EXPECT_EQ(failure_of({1, 2, 3}, [](c_ndr_reader& r) { r.read_u32(); }), "provide");

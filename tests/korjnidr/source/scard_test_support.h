@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "kor_jnidr_scard.h"
+#include "scard_handler.h"
 
 namespace scard_test {
 
