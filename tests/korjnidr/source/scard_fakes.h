@@ -34,13 +34,17 @@ inline std::string hex(std::uint64_t v) {
     return b;
 }
 inline std::string len(DWORD v) { return v == ~DWORD{0} ? "~0" : std::to_string(v); }
+// Bytes as the data files write them: "[3b 00*29]", a run of four or more as byte*count.
 inline std::string octets(const void* p, std::size_t n) {
     if (!p) return "null";
+    const auto* b = static_cast<const std::uint8_t*>(p);
     std::string s = "[";
-    for (std::size_t i = 0; i < n; ++i) {
-        char b[4];
-        std::snprintf(b, sizeof b, i ? " %02x" : "%02x", static_cast<const std::uint8_t*>(p)[i]);
-        s += b;
+    for (std::size_t i = 0, run; i < n; i += run) {
+        for (run = 1; i + run < n && b[i + run] == b[i];) ++run;
+        char t[32];
+        std::snprintf(t, sizeof t, run >= 4 ? "%s%02x*%zu" : "%s%02x", i ? " " : "", b[i], run);
+        if (run < 4) run = 1;
+        s += t;
     }
     return s + "]";
 }
