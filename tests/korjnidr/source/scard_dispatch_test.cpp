@@ -126,6 +126,7 @@ void set_script(c_script& s, const std::string& word) {
 
 void run(const c_case& c) {
     SCOPED_TRACE("line " + std::to_string(c.line) + ": " + c.title);
+    ASSERT_FALSE(c.reply.empty()) << "no reply line";
     g_script = c.script;
     g_calls.clear();
     const bytes req = c.own_header ? c.request_fields : request().raw(c.request_fields).build();
@@ -155,71 +156,87 @@ protected:
     void TearDown() override { delete g_scard_service.exchange(nullptr); }
 };
 
-TEST_P(ScardCases, RepliesAndPcscCalls) {
-    std::ifstream file(GetParam());
-    ASSERT_TRUE(file) << GetParam();
-    c_case pending;
-    bool have_case = false;
-    const auto flush = [&] {
-        if (have_case) run(pending);
-        have_case = false;
-    };
-    int line_no = 0;
-    for (std::string line; std::getline(file, line);) {
-        ++line_no;
-        const std::vector<std::string> w = words(line);
-        if (w.empty() || w[0][0] == '#') continue;
-        const std::string key = w[0];
-        const std::size_t at = line.find_first_not_of(" \t", line.find(key) + key.size());
-        const std::string rest = at == std::string::npos ? "" : line.substr(at);
+// Reads a case file line by line; a case runs when the next line that is not part of it comes.
+class c_case_file {
+public:
+    void line(const std::string& text, int line_no) {
+        const std::vector<std::string> w = words(text);
+        if (w.empty() || w[0][0] == '#') return;
+        const std::string& key = w[0];
+        const std::size_t at = text.find_first_not_of(" \t", text.find(key) + key.size());
+        const std::string rest = at == std::string::npos ? "" : text.substr(at);
         if (key == "call" || key == "request" || key == "script" || key == "pcsc" || key == "reply") {
-            ASSERT_TRUE(have_case) << "line " << line_no << ": outside a case";
-            if (key == "call") {
-                pending.code = static_cast<std::uint32_t>(number(w.at(1)));
-                if (w.size() > 2) pending.owner = static_cast<std::int32_t>(number(w[2].substr(w[2].find('=') + 1)));
-            } else if (key == "request") {
-                for (std::size_t i = 1; i < w.size(); ++i) {
-                    if (w[i].rfind("header=", 0) == 0) pending.own_header = true;
-                    field(pending.request_fields, w[i]);
-                }
-            } else if (key == "script") {
-                for (std::size_t i = 1; i < w.size(); ++i) set_script(pending.script, w[i]);
-            } else if (key == "pcsc") {
-                pending.pcsc.push_back(rest);
-            } else {
-                const bool first = pending.reply.empty();
-                if (first) pending.reply = w.at(1) == "error" ? rest : w.at(1);
-                if (pending.reply.rfind("error", 0) == 0) continue;
-                for (std::size_t i = first ? 2 : 1; i < w.size(); ++i) field(pending.reply_fields, w[i]);
-            }
-            continue;
+            if (!have_case_) throw std::invalid_argument("outside a case");
+            case_part(key, w, rest);
+            return;
         }
         flush();
         if (key == "==") {
             delete g_scard_service.exchange(fake_service());
-        } else if (key == "--") {
-            pending = c_case{};
-            pending.line = line_no, pending.title = rest;
-            have_case = true;
         } else if (key == "missing") {
             delete g_scard_service.exchange(fake_service(std::set<std::string>(w.begin() + 1, w.end())));
-        } else if (key == "context" || key == "card") {
-            const auto owner = static_cast<std::int32_t>(number(w.at(1)));
-            const auto pcsc = static_cast<SCARDHANDLE>(number(w.at(2)));
-            if (key == "context")
-                scard_service().add_context(owner, pcsc);
-            else
-                scard_service().add_card(owner, pcsc);
+        } else if (key == "--") {
+            case_ = c_case{};
+            case_.line = line_no, case_.title = rest;
+            have_case_ = true;
+        } else if (key == "context") {
+            scard_service().add_context(static_cast<std::int32_t>(number(w.at(1))), static_cast<SCARDCONTEXT>(number(w.at(2))));
+        } else if (key == "card") {
+            scard_service().add_card(static_cast<std::int32_t>(number(w.at(1))), static_cast<SCARDHANDLE>(number(w.at(2))));
         } else if (key == "reader") {
+            std::string name;
+            for (auto u : units(w.at(3))) name += static_cast<char>(u);
             scard_service().add_reader(static_cast<SCARDHANDLE>(number(w.at(1))), static_cast<std::uint32_t>(number(w.at(2))),
-                                       w.at(3).substr(1, w[3].size() - 2).c_str());
+                                       name.c_str());
         } else if (key == "cancel_owner") {
             scard_service().cancel_owner(static_cast<std::int32_t>(number(w.at(1))));
         } else {
-            FAIL() << "line " << line_no << ": unknown line " << key;
+            throw std::invalid_argument("unknown line " + key);
         }
     }
-    flush();
+    void flush() {
+        if (have_case_) run(case_);
+        have_case_ = false;
+    }
+
+private:
+    void case_part(const std::string& key, const std::vector<std::string>& w, const std::string& rest) {
+        if (key == "call") {
+            case_.code = static_cast<std::uint32_t>(number(w.at(1)));
+            if (w.size() > 2) case_.owner = static_cast<std::int32_t>(number(w[2].substr(w[2].find('=') + 1)));
+        } else if (key == "request") {
+            for (std::size_t i = 1; i < w.size(); ++i) {
+                case_.own_header |= w[i].rfind("header=", 0) == 0;
+                field(case_.request_fields, w[i]);
+            }
+        } else if (key == "script") {
+            for (std::size_t i = 1; i < w.size(); ++i) set_script(case_.script, w[i]);
+        } else if (key == "pcsc") {
+            case_.pcsc.push_back(rest);
+        } else {
+            const bool first = case_.reply.empty();
+            if (first) case_.reply = w.at(1) == "error" ? rest : w.at(1);
+            if (case_.reply.rfind("error", 0) == 0) return;
+            for (std::size_t i = first ? 2 : 1; i < w.size(); ++i) field(case_.reply_fields, w[i]);
+        }
+    }
+    c_case case_;
+    bool have_case_ = false;
+};
+
+TEST_P(ScardCases, RepliesAndPcscCalls) {
+    std::ifstream file(GetParam());
+    ASSERT_TRUE(file) << GetParam();
+    c_case_file cases;
+    int line_no = 0;
+    for (std::string text; std::getline(file, text);) {
+        try {
+            cases.line(text, ++line_no);
+        } catch (const std::exception& e) {
+            FAIL() << "line " << line_no << ": " << e.what();
+        }
+    }
+    cases.flush();
 }
 
 std::vector<std::string> case_files() {
