@@ -20,7 +20,7 @@ struct c_script {
     std::vector<LONG> results;  // of the case's calls in order; past the end 0, the natural answer
     bytes out;                  // what an entry with an output writes and reports
     DWORD report = 0;           // when not 0: the length reported instead of out's size
-    SCARDHANDLE handle = 0x5000;  // the context or card that EstablishContext and Connect produce
+    std::uint64_t handle = 0x5000;  // the context or card that EstablishContext and Connect produce
     DWORD protocol = 2;           // the protocol that Connect, Reconnect and Status report
     std::size_t block = 0;        // GetAttrib's allocated block, when not out's size
     std::size_t pci_extra = 0;    // send PCI bytes shown after Transmit's 16-byte header
@@ -86,11 +86,13 @@ inline c_scard_service* fake_service(const std::set<std::string>& missing = {}) 
     auto* s = new c_scard_service();
     auto put = [&](auto& entry, const char* name, auto fake) { entry = missing.count(name) ? nullptr : +fake; };
     put(s->SCardEstablishContext, "SCardEstablishContext", [](DWORD scope, LPCVOID r1, LPCVOID r2, LPSCARDCONTEXT c) {
-        *c = g_script.handle;
+        *c = static_cast<SCARDCONTEXT>(g_script.handle);
         return note("SCardEstablishContext scope=" + hex(scope) + (r1 || r2 ? " reserved" : ""));
     });
-    put(s->SCardReleaseContext, "SCardReleaseContext", [](SCARDCONTEXT c) { return note("SCardReleaseContext ctx=" + hex(c)); });
-    put(s->SCardIsValidContext, "SCardIsValidContext", [](SCARDCONTEXT c) { return note("SCardIsValidContext ctx=" + hex(c)); });
+    put(s->SCardReleaseContext, "SCardReleaseContext",
+        [](SCARDCONTEXT c) { return note("SCardReleaseContext ctx=" + hex(c)); });
+    put(s->SCardIsValidContext, "SCardIsValidContext",
+        [](SCARDCONTEXT c) { return note("SCardIsValidContext ctx=" + hex(c)); });
     put(s->SCardCancel, "SCardCancel", [](SCARDCONTEXT c) { return note("SCardCancel ctx=" + hex(c)); });
     put(s->SCardListReaderGroups, "SCardListReaderGroups", [](SCARDCONTEXT c, LPSTR out, LPDWORD n) {
         return give(note("SCardListReaderGroups ctx=" + hex(c) + " out=" + out_arg(out, *n)), out, *n, n);
@@ -99,66 +101,74 @@ inline c_scard_service* fake_service(const std::set<std::string>& missing = {}) 
         const std::string g = groups ? "set" : "null";
         return give(note("SCardListReaders ctx=" + hex(c) + " groups=" + g + " out=" + out_arg(out, *n)), out, *n, n);
     });
-    put(s->SCardConnect, "SCardConnect", [](SCARDCONTEXT c, LPCSTR reader, DWORD share, DWORD protocols, LPSCARDHANDLE card,
-                                             LPDWORD active) {
-        const std::string name = reader ? '"' + std::string(reader) + '"' : "null";
-        *card = g_script.handle, *active = g_script.protocol;
-        return note("SCardConnect ctx=" + hex(c) + " reader=" + name + " share=" + hex(share) + " protocols=" + hex(protocols));
-    });
-    put(s->SCardReconnect, "SCardReconnect", [](SCARDHANDLE card, DWORD share, DWORD protocols, DWORD init, LPDWORD active) {
-        *active = g_script.protocol;
-        return note("SCardReconnect card=" + hex(card) + " share=" + hex(share) + " protocols=" + hex(protocols) +
-                    " init=" + hex(init));
-    });
+    put(s->SCardConnect, "SCardConnect",
+        [](SCARDCONTEXT c, LPCSTR reader, DWORD share, DWORD protocols, LPSCARDHANDLE card, LPDWORD active) {
+            const std::string name = reader ? '"' + std::string(reader) + '"' : "null";
+            *card = static_cast<SCARDHANDLE>(g_script.handle), *active = g_script.protocol;
+            return note("SCardConnect ctx=" + hex(c) + " reader=" + name + " share=" + hex(share) +
+                        " protocols=" + hex(protocols));
+        });
+    put(s->SCardReconnect, "SCardReconnect",
+        [](SCARDHANDLE card, DWORD share, DWORD protocols, DWORD init, LPDWORD active) {
+            *active = g_script.protocol;
+            return note("SCardReconnect card=" + hex(card) + " share=" + hex(share) + " protocols=" + hex(protocols) +
+                        " init=" + hex(init));
+        });
     put(s->SCardDisconnect, "SCardDisconnect", [](SCARDHANDLE card, DWORD d) {
         return note("SCardDisconnect card=" + hex(card) + " disposition=" + hex(d));
     });
-    put(s->SCardBeginTransaction, "SCardBeginTransaction", [](SCARDHANDLE card) { return note("SCardBeginTransaction card=" + hex(card)); });
+    put(s->SCardBeginTransaction, "SCardBeginTransaction",
+        [](SCARDHANDLE card) { return note("SCardBeginTransaction card=" + hex(card)); });
     put(s->SCardEndTransaction, "SCardEndTransaction", [](SCARDHANDLE card, DWORD d) {
         return note("SCardEndTransaction card=" + hex(card) + " disposition=" + hex(d));
     });
-    // The name is out's bytes, NUL included; T=1 or the script's protocol, state 0x34, ATR 3B 00 00.
-    put(s->SCardStatus, "SCardStatus", [](SCARDHANDLE card, LPSTR names, LPDWORD cch, LPDWORD state, LPDWORD protocol,
-                                           LPBYTE atr, LPDWORD atr_len) {
-        const LONG r = note("SCardStatus card=" + hex(card) + " out=" + out_arg(names, *cch) + " atr_len=" + len(*atr_len));
-        const DWORD offered = *cch;
-        *cch = g_script.report ? g_script.report : g_script.out.size();
-        if (r || (names && offered < g_script.out.size())) return r ? r : static_cast<LONG>(k_scard_e_insufficient_buffer);
-        if (names) std::memcpy(names, g_script.out.data(), g_script.out.size());
-        *state = 0x34, *protocol = g_script.protocol, *atr_len = 3;
-        std::memcpy(atr, "\x3B\0\0", 3);
-        return LONG{0};
-    });
+    // The name is out's bytes, NUL included; state 0x34, the script's protocol, the ATR 3B 00 00.
+    put(s->SCardStatus, "SCardStatus",
+        [](SCARDHANDLE card, LPSTR names, LPDWORD cch, LPDWORD state, LPDWORD protocol, LPBYTE atr, LPDWORD atr_len) {
+            const LONG r = note("SCardStatus card=" + hex(card) + " out=" + out_arg(names, *cch) +
+                                " atr_len=" + len(*atr_len));
+            const DWORD offered = *cch;
+            *cch = g_script.report ? g_script.report : g_script.out.size();
+            if (r) return r;
+            if (names && offered < g_script.out.size()) return static_cast<LONG>(k_scard_e_insufficient_buffer);
+            if (names) std::memcpy(names, g_script.out.data(), g_script.out.size());
+            *state = 0x34, *protocol = g_script.protocol, *atr_len = 3;
+            std::memcpy(atr, "\x3B\0\0", 3);
+            return LONG{0};
+        });
     // Each state is shown as its name, states and ATR (up to its last non-zero byte); state i
     // gets the event state 0x22 + i.
-    put(s->SCardGetStatusChange, "SCardGetStatusChange", [](SCARDCONTEXT c, DWORD timeout, SCARD_READERSTATE* states, DWORD n) {
-        std::string line = "SCardGetStatusChange ctx=" + hex(c) + " timeout=" + hex(timeout) + " readers=" + len(n);
-        if (!states) line += " states=null";
-        for (DWORD i = 0; i < n; ++i) {
-            const SCARD_READERSTATE& st = states[i];
-            std::size_t atr = MAX_ATR_SIZE;
-            while (atr && !st.rgbAtr[atr - 1]) --atr;
-            line += std::string(" | ") + (st.szReader ? '"' + std::string(st.szReader) + '"' : "null") + " current=" +
-                    hex(st.dwCurrentState) + " event=" + hex(st.dwEventState) + " atr_len=" + len(st.cbAtr) +
-                    " atr=" + octets(st.rgbAtr, atr);
-            states[i].dwEventState = 0x22 + i;
-        }
-        return note(line);
-    });
-    put(s->SCardControl, "SCardControl", [](SCARDHANDLE card, DWORD code, LPCVOID in, DWORD in_len, LPVOID out, DWORD out_len,
-                                             LPDWORD returned) {
-        return give(note("SCardControl card=" + hex(card) + " code=" + hex(code) + " in=" + octets(in, in_len) +
-                         " in_len=" + len(in_len) + " out=" + out_arg(out, out_len)),
-                    out, out_len, returned);
-    });
-    put(s->SCardTransmit, "SCardTransmit", [](SCARDHANDLE card, const SCARD_IO_REQUEST* pci, LPCBYTE send, DWORD send_len,
-                                               SCARD_IO_REQUEST* recv_pci, LPBYTE recv, LPDWORD recv_len) {
-        const std::string extra = g_script.pci_extra ? " " + octets(pci + 1, g_script.pci_extra) : "";
-        return give(note("SCardTransmit card=" + hex(card) + " pci=" + hex(pci->dwProtocol) + "/" + len(pci->cbPciLength) +
-                         extra + " send=" + octets(send, send_len) + " send_len=" + len(send_len) +
-                         " recv_pci=" + (recv_pci ? "set" : "null") + " out=" + out_arg(recv, *recv_len)),
-                    recv, *recv_len, recv_len);
-    });
+    put(s->SCardGetStatusChange, "SCardGetStatusChange",
+        [](SCARDCONTEXT c, DWORD timeout, SCARD_READERSTATE* states, DWORD n) {
+            std::string line = "SCardGetStatusChange ctx=" + hex(c) + " timeout=" + hex(timeout) + " readers=" + len(n);
+            if (!states) line += " states=null";
+            for (DWORD i = 0; i < n; ++i) {
+                const SCARD_READERSTATE& st = states[i];
+                std::size_t atr = MAX_ATR_SIZE;
+                while (atr && !st.rgbAtr[atr - 1]) --atr;
+                line += std::string(" | ") + (st.szReader ? '"' + std::string(st.szReader) + '"' : "null") +
+                        " current=" + hex(st.dwCurrentState) + " event=" + hex(st.dwEventState) +
+                        " atr_len=" + len(st.cbAtr) + " atr=" + octets(st.rgbAtr, atr);
+                states[i].dwEventState = 0x22 + i;
+            }
+            return note(line);
+        });
+    put(s->SCardControl, "SCardControl",
+        [](SCARDHANDLE card, DWORD code, LPCVOID in, DWORD in_len, LPVOID out, DWORD out_len, LPDWORD returned) {
+            return give(note("SCardControl card=" + hex(card) + " code=" + hex(code) + " in=" + octets(in, in_len) +
+                             " in_len=" + len(in_len) + " out=" + out_arg(out, out_len)),
+                        out, out_len, returned);
+        });
+    put(s->SCardTransmit, "SCardTransmit",
+        [](SCARDHANDLE card, const SCARD_IO_REQUEST* pci, LPCBYTE send, DWORD send_len, SCARD_IO_REQUEST* recv_pci,
+           LPBYTE recv, LPDWORD recv_len) {
+            const std::string extra = g_script.pci_extra ? " " + octets(pci + 1, g_script.pci_extra) : "";
+            return give(note("SCardTransmit card=" + hex(card) + " pci=" + hex(pci->dwProtocol) + "/" +
+                             len(pci->cbPciLength) + extra + " send=" + octets(send, send_len) +
+                             " send_len=" + len(send_len) + " recv_pci=" + (recv_pci ? "set" : "null") +
+                             " out=" + out_arg(recv, *recv_len)),
+                        recv, *recv_len, recv_len);
+        });
     put(s->SCardGetAttrib, "SCardGetAttrib", get_attrib);
     put(s->SCardSetAttrib, "SCardSetAttrib", [](SCARDHANDLE card, DWORD attr, LPCBYTE v, DWORD n) {
         return note("SCardSetAttrib card=" + hex(card) + " attr=" + hex(attr) + " value=" + octets(v, n));
