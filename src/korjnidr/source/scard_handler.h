@@ -95,7 +95,8 @@ struct c_card_refs {
         return {context, in.read_u32()};
     }
     // The deferred arrays; the card through `op` (find_card, or take_card), all ones without one.
-    SCARDHANDLE lookup(c_ndr_reader& in, SCARDHANDLE (c_scard_service::*op)(std::uint32_t) = &c_scard_service::find_card) const {
+    using c_lookup = SCARDHANDLE (c_scard_service::*)(std::uint32_t);
+    SCARDHANDLE lookup(c_ndr_reader& in, c_lookup op = &c_scard_service::find_card) const {
         if (context.ref) in.read_handle();
         return card_ref ? (scard_service().*op)(in.read_handle()) : k_no_handle;
     }

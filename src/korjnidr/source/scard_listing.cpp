@@ -11,6 +11,22 @@ namespace {
 
 enum class e_listing { groups, readers };
 
+// The success body: `count` characters of PC/SC's multi-string in `text`, in the call's width, or
+// as many zero characters in length-only mode (no text).
+template <class Text>
+void write_multistring(c_ndr_writer& out, std::uint32_t count, typename Text::buffer* text) {
+    const std::uint32_t length = count * static_cast<std::uint32_t>(sizeof(typename Text::unit));
+    out.write_u32(length);
+    out.write_u32(k_referent);
+    out.write_u32(length);
+    if (!text) {
+        out.write_zeros(length);
+    } else {
+        Text::widen(*text, count);
+        Text::put(out, *text, count);
+    }
+}
+
 template <class Text>
 void list_multistring(c_ndr_reader& in, c_ndr_writer& out, e_listing what) {
     // The answer buffer is sized from the request (fixed mode) or from PC/SC's reply (allocating
@@ -58,16 +74,7 @@ void list_multistring(c_ndr_reader& in, c_ndr_writer& out, e_listing what) {
     // A misbehaving PC/SC could report more than it was given: never read past the buffer, and
     // never announce more than the channel carries.
     const auto count = static_cast<std::uint32_t>(std::min<DWORD>(n, offered));
-    const std::uint32_t length = count * static_cast<std::uint32_t>(sizeof(typename Text::unit));
-    out.write_u32(length);
-    out.write_u32(k_referent);
-    out.write_u32(length);
-    if (length_only) {
-        out.write_zeros(length);
-    } else {
-        Text::widen(buffer, count);
-        Text::put(out, buffer, count);
-    }
+    write_multistring<Text>(out, count, length_only ? nullptr : &buffer);
     out.finish(0);
 }
 
