@@ -35,10 +35,6 @@ public:
     void provide(std::uint32_t n) { take(n); }
     void skip_u32() { take(4); }
     std::uint8_t read_u8() { return *take(1); }
-    std::uint16_t read_u16() {
-        const std::uint8_t* p = take(2);
-        return static_cast<std::uint16_t>(p[0] | p[1] << 8);
-    }
     std::uint32_t read_u32() {
         const std::uint8_t* p = take(4);
         return std::uint32_t{p[0]} | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16 |
@@ -85,7 +81,6 @@ public:
     c_ndr_writer(const c_ndr_writer&) = delete;
     c_ndr_writer& operator=(const c_ndr_writer&) = delete;
 
-    void write_u8(std::uint8_t b) { write_bytes(&b, 1); }
     void write_zeros(std::size_t n);
     void write_u32(std::uint32_t v) {
         const std::uint8_t b[4] = {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
@@ -106,10 +101,10 @@ public:
     void finish(std::uint32_t result);
     void copy_to(void* target, std::size_t capacity) const;
 
+private:
     static constexpr std::size_t k_headroom = 24;
     static constexpr std::size_t k_inline = 4096;
 
-private:
     void prepend_u32(std::uint32_t v);
     void prepend_u8(std::uint8_t b);
     // Appends n bytes: copies them from p, or zero-fills when p is null.

@@ -15,7 +15,7 @@ void connect(c_ndr_reader& in, c_ndr_writer& out) {
     const DWORD preferred_protocols = in.read_u32();
 
     typename Text::buffer name_units;
-    const typename Text::unit* name = name_ref ? read_string<Text>(in, name_units) : nullptr;
+    const typename Text::unit* name = name_ref ? Text::read_string(in, name_units) : nullptr;
     const auto [owner, context] = context_arg.lookup(in, &c_scard_service::find_context_record,
                                                      std::pair<std::int32_t, SCARDCONTEXT>{0, k_no_handle});
     c_inline_buffer<1024> narrowed;

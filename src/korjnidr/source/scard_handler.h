@@ -107,21 +107,40 @@ struct c_card_refs {
 // narrowed to 8 bits for PC/SC, multi-strings from PC/SC widened to the call's units. Each width
 // holds 2048 units inline.
 
-struct c_text_a {
-    using unit = char;
-    using buffer = c_inline_buffer<2048>;
+template <class Unit>
+struct c_text_width {
+    using unit = Unit;
+    using buffer = c_inline_buffer<2048 * sizeof(Unit)>;
 
-    static unit decode(const std::uint8_t* p) { return static_cast<char>(p[0]); }
+    // A conformant varying string: maximum count and offset (not used), actual count c, c units
+    // (little-endian), pad. `text` receives c + 1 units, the last one zero, so that a name sent
+    // without its NUL ends after its c-th character.
+    static const unit* read_string(c_ndr_reader& in, buffer& text) {
+        in.skip_u32();
+        in.skip_u32();
+        const std::uint32_t c = in.read_u32();
+        const std::uint8_t* bytes = in.take_units(c, sizeof(unit));
+        auto* name = reinterpret_cast<unit*>(text.allocate((std::size_t{c} + 1) * sizeof(unit)));
+        for (std::uint32_t i = 0; i < c; ++i) {
+            if constexpr (sizeof(unit) == 1)
+                name[i] = static_cast<unit>(bytes[i]);
+            else
+                name[i] = static_cast<unit>(bytes[2 * i] | bytes[2 * i + 1] << 8);
+        }
+        name[c] = 0;
+        // The pad follows c units; their byte count taken modulo 2^32 keeps its remainder by 4.
+        in.align_after(static_cast<std::uint32_t>(std::size_t{c} * sizeof(unit)));
+        return name;
+    }
+};
+
+struct c_text_a : c_text_width<char> {
     static const char* narrow(const unit* name, c_inline_buffer<1024>&) { return name; }
     static void widen(buffer&, std::uint32_t) {}
     static void put(c_ndr_writer& out, const buffer& text, std::uint32_t n) { out.write_bytes(text.data, n); }
 };
 
-struct c_text_w {
-    using unit = std::uint16_t;
-    using buffer = c_inline_buffer<4096>;
-
-    static unit decode(const std::uint8_t* p) { return static_cast<unit>(p[0] | p[1] << 8); }
+struct c_text_w : c_text_width<std::uint16_t> {
     // The units up to the first zero unit, each as its low 8 bits, then a NUL.
     static const char* narrow(const unit* name, c_inline_buffer<1024>& to) {
         std::size_t n = 0;
@@ -134,23 +153,5 @@ struct c_text_w {
     static void widen(buffer& text, std::uint32_t n) { widen_multistring(text.as<unit>(), text.chars(), n); }
     static void put(c_ndr_writer& out, const buffer& text, std::uint32_t n) { out.write_u16_units(text.as<unit>(), n); }
 };
-
-// A conformant varying string of the call's width: maximum count and offset (not used), actual
-// count c, c units, pad. `buffer` receives c + 1 units, the last one zero, so that a name sent
-// without its NUL ends after its c-th character.
-template <class Text>
-const typename Text::unit* read_string(c_ndr_reader& in, typename Text::buffer& buffer) {
-    using unit = typename Text::unit;
-    in.skip_u32();
-    in.skip_u32();
-    const std::uint32_t c = in.read_u32();
-    const std::uint8_t* bytes = in.take_units(c, sizeof(unit));
-    auto* name = reinterpret_cast<unit*>(buffer.allocate((std::size_t{c} + 1) * sizeof(unit)));
-    for (std::uint32_t i = 0; i < c; ++i) name[i] = Text::decode(bytes + i * sizeof(unit));
-    name[c] = 0;
-    // The pad follows c units; their byte count taken modulo 2^32 keeps its remainder by 4.
-    in.align_after(static_cast<std::uint32_t>(std::size_t{c} * sizeof(unit)));
-    return name;
-}
 
 }  // namespace kor::jni

@@ -69,7 +69,7 @@ void read_states(c_ndr_reader& in, c_ndr_reader elements, c_reader_states& state
     typename Text::buffer units;
     c_inline_buffer<1024> narrowed;
     for (std::uint32_t i = 0; i < states.size(); ++i)
-        if (states[i].szReader) states.set_name(i, Text::narrow(read_string<Text>(in, units), narrowed));
+        if (states[i].szReader) states.set_name(i, Text::narrow(Text::read_string(in, units), narrowed));
 }
 
 void write_states(c_ndr_writer& out, const c_reader_states& states, std::uint32_t readers) {

@@ -57,7 +57,6 @@ TEST(NdrReader, EveryReadChecksWhatRemains) {
     EXPECT_EQ(read_of({9, 0, 0, 0, 1, 2, 3, 4}, skip(1)), result("provide", 0));
     // Each width.
     EXPECT_EQ(read_of({1, 2, 3}, [](c_ndr_reader& r) { r.read_u32(); }), result("provide", 0));
-    EXPECT_EQ(read_of({1}, [](c_ndr_reader& r) { r.read_u16(); }), result("provide", 0));
     EXPECT_EQ(read_of({}, [](c_ndr_reader& r) { r.read_u8(); }), result("provide", 0));
     EXPECT_EQ(read_of({1, 2, 3}, [](c_ndr_reader& r) { r.provide(0xFFFFFFFFu); }), result("provide", 0));
 }
@@ -67,7 +66,9 @@ TEST(NdrReader, EveryReadChecksWhatRemains) {
 TEST(NdrWriter, FramesPadsAndCopiesWithinBounds) {
     for (const std::size_t body : {0, 13, 5000, 9000}) {
         c_ndr_writer w;
-        for (std::size_t i = 0; i < body; ++i) w.write_u8(static_cast<std::uint8_t>(i * 7));
+        bytes content(body);
+        for (std::size_t i = 0; i < body; ++i) content[i] = static_cast<std::uint8_t>(i * 7);
+        for (std::size_t i = 0; i < body; i += 7) w.write_bytes(content.data() + i, std::min<std::size_t>(7, body - i));
         w.finish(0x80100008u);
         const bytes reply = scard_test::reply_bytes(w);
         const std::size_t object_length = (4 + body + 7) / 8 * 8;
