@@ -121,7 +121,7 @@ struct c_text_width {
         const std::uint32_t c = in.read_u32();
         const std::uint8_t* bytes = in.take_units(c, sizeof(unit));
         auto* name = reinterpret_cast<unit*>(text.allocate((std::size_t{c} + 1) * sizeof(unit)));
-        for (std::uint32_t i = 0; i < c; ++i) {
+        for (std::size_t i = 0; i < c; ++i) {
             if constexpr (sizeof(unit) == 1)
                 name[i] = static_cast<unit>(bytes[i]);
             else
