@@ -38,10 +38,9 @@ constexpr std::uint32_t k_wire_autoallocate = static_cast<std::uint32_t>(k_autoa
 // The channel's largest buffers. Output sizes come from the request and decide an allocation
 // before PC/SC is asked, so they are cut to these and PC/SC is told the cut size: a larger answer
 // comes back as PC/SC's insufficient-buffer code instead of a hostile length allocating gigabytes.
-// - cbRecvLength (Transmit), cbOutBufferSize (Control) and cbAttrLen (GetAttrib) are declared
-//   0..66,560;
+// - cbRecvLength (Transmit), cbOutBufferSize (Control) and cbAttrLen (GetAttrib): 0..66,560.
 constexpr std::uint32_t k_max_buffer_length = 66560;
-// - the length of a multi-string (listing cBytes, Status names) is declared 0..65,536.
+// - the length of a multi-string (listing cBytes, Status names): 0..65,536.
 constexpr std::uint32_t k_max_multistring = 65536;
 
 // A wire handle in a reply: length 4 and a referent in the fixed part, count 4 and the handle in
