@@ -6,6 +6,7 @@
 //   scard_dispatcher   JNI entry points and the table from control code to handler
 //   scard_context_calls, scard_listing, scard_status_change, scard_connection, scard_status,
 //   scard_transmit, scard_control: the handlers, one file per family of calls
+//   scard_handler.h    what the handlers share: codes and limits, argument decoders, text width
 //   scard_text         conversions between PC/SC's 8-bit text and the W calls' 16-bit units
 #pragma once
 
@@ -53,6 +54,11 @@ void scard_set_attrib(c_ndr_reader& in, c_ndr_writer& out);
 
 void scard_access_started_event(c_ndr_reader& in, c_ndr_writer& out);
 
+// A byte of PC/SC's 8-bit text as a 16-bit unit, sign-extended: 0xC3 becomes 0xFFC3. Narrowing
+// keeps the low 8 bits, so a name that the peer got this way and sends back is the same byte.
+constexpr std::uint16_t widen_char(char c) noexcept {
+    return static_cast<std::uint16_t>(static_cast<std::int16_t>(static_cast<signed char>(c)));
+}
 // 8-bit multi-string of n bytes to 16-bit units by sign extension (0xC3 becomes 0xFFC3); dst may
 // equal src, which then must hold n units. The walk never reads past n bytes: a multi-string
 // without its final double NUL within n is ended there.

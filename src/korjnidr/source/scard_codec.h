@@ -21,7 +21,12 @@ public:
     std::uint32_t read_header();
 
     // The one way to move: checks that n bytes remain, steps over them and returns where they start.
-    const std::uint8_t* take(std::uint32_t n) {
+    const std::uint8_t* take(std::uint32_t n) { return take_units(n, 1); }
+    // A counted read: `count` units of `unit_size` bytes. The product is formed in 64 bits, so it
+    // cannot wrap, and is checked against what remains before the caller allocates anything for
+    // the units: a hostile count fails "provide" instead of allocating gigabytes.
+    const std::uint8_t* take_units(std::uint32_t count, std::uint32_t unit_size) {
+        const std::uint64_t n = std::uint64_t{count} * unit_size;
         if (remaining() < n) throw std::runtime_error("provide");
         const std::uint8_t* at = cur;
         cur += n;
@@ -30,10 +35,6 @@ public:
     void provide(std::uint32_t n) { take(n); }
     void skip_u32() { take(4); }
     std::uint8_t read_u8() { return *take(1); }
-    std::uint16_t read_u16() {
-        const std::uint8_t* p = take(2);
-        return static_cast<std::uint16_t>(p[0] | p[1] << 8);
-    }
     std::uint32_t read_u32() {
         const std::uint8_t* p = take(4);
         return std::uint32_t{p[0]} | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16 |
@@ -46,9 +47,7 @@ public:
     // Deferred array of a context or card handle; returns the wire id in its first four bytes.
     std::uint32_t read_handle();
 
-    // Conformant byte array into `buffer` (buffer.used = count). The count is checked against the
-    // bytes present before anything is allocated, so a hostile count fails "provide" instead of
-    // allocating gigabytes.
+    // Conformant byte array into `buffer` (buffer.used = count); counted before the allocation.
     template <std::size_t N>
     void read_byte_array(c_inline_buffer<N>& buffer) {
         const std::uint32_t count = read_u32();
@@ -58,17 +57,12 @@ public:
         buffer.used = count;
         align_after(count);
     }
-
-    // count 16-bit units (little-endian) into `buffer` as native uint16_t, checked before the
-    // allocation like read_byte_array; the caller reads any pad.
-    template <std::size_t N>
-    std::uint16_t* read_u16_units(c_inline_buffer<N>& buffer, std::uint32_t count) {
-        const std::uint64_t bytes = std::uint64_t{count} * 2;
-        if (remaining() < bytes) throw std::runtime_error("provide");
-        auto* units = reinterpret_cast<std::uint16_t*>(buffer.allocate(static_cast<std::size_t>(bytes)));
-        for (std::uint32_t i = 0; i < count; ++i) units[i] = read_u16();
-        buffer.used = static_cast<std::size_t>(bytes);
-        return units;
+    // A conformant array read only to be discarded: its byte count, the whole units of
+    // `unit_size` bytes within it, and the pad after the count. Nothing is allocated.
+    void skip_array(std::uint32_t unit_size) {
+        const std::uint32_t count = read_u32();
+        take_units(count / unit_size, unit_size);
+        align_after(count);
     }
 
     std::size_t remaining() const noexcept { return static_cast<std::size_t>(end - cur); }
@@ -87,7 +81,6 @@ public:
     c_ndr_writer(const c_ndr_writer&) = delete;
     c_ndr_writer& operator=(const c_ndr_writer&) = delete;
 
-    void write_u8(std::uint8_t b) { write_bytes(&b, 1); }
     void write_zeros(std::size_t n);
     void write_u32(std::uint32_t v) {
         const std::uint8_t b[4] = {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
@@ -106,13 +99,12 @@ public:
 
     // Prepends the return code, pads to a multiple of 8 and prepends the header.
     void finish(std::uint32_t result);
-    bool finished() const noexcept { return front_size_ != 0; }
     void copy_to(void* target, std::size_t capacity) const;
 
+private:
     static constexpr std::size_t k_headroom = 24;
     static constexpr std::size_t k_inline = 4096;
 
-private:
     void prepend_u32(std::uint32_t v);
     void prepend_u8(std::uint8_t b);
     // Appends n bytes: copies them from p, or zero-fills when p is null.

@@ -1,34 +1,19 @@
 // EstablishContext, ReleaseContext, IsValidContext and Cancel: the calls that create, test,
 // interrupt and release a PC/SC context behind its wire handle.
-#include "kor_jnidr_scard.h"
+#include "scard_handler.h"
 
 namespace kor::jni {
 
 namespace {
 
-// REDIR_SCARDCONTEXT after the header: cbContext (not used), the referent, and when the referent
-// is set, the deferred handle array. Returns the wire handle, or nothing for a null context.
-struct c_context_arg {
-    bool present = false;
-    std::uint32_t wire = 0;
-};
-
-c_context_arg read_context(c_ndr_reader& in) {
+// The three calls that take a context and return only a result: `lookup` translates the wire
+// handle (find_context, or take_context for ReleaseContext), `call` is the PC/SC entry.
+template <class Call>
+void context_call(c_ndr_reader& in, c_ndr_writer& out, SCARDCONTEXT (c_scard_service::*lookup)(std::uint32_t),
+                  Call call) {
     in.read_header();
-    in.skip_u32();
-    c_context_arg arg;
-    arg.present = in.read_u32() != 0;
-    if (arg.present) arg.wire = in.read_handle();
-    return arg;
-}
-
-// The three calls that take a context and return only a result.
-template <class Lookup, class Call>
-void context_call(c_ndr_reader& in, c_ndr_writer& out, Lookup lookup, Call call) {
-    const c_context_arg arg = read_context(in);
-    c_scard_service& service = scard_service();
-    const SCARDCONTEXT context = arg.present ? (service.*lookup)(arg.wire) : k_no_handle;
-    out.finish(pcsc_result(service.*call, context));
+    const SCARDCONTEXT context = c_context_ref::read(in).lookup(in, lookup, k_no_handle);
+    out.finish(pcsc_result(scard_service().*call, context));
 }
 
 }  // namespace
@@ -41,9 +26,9 @@ void scard_establish_context(c_ndr_reader& in, c_ndr_writer& out, std::int32_t o
     const std::uint32_t result = pcsc_result(service.SCardEstablishContext, scope, nullptr, nullptr, &context);
     if (result == 0) {
         const std::uint32_t wire = service.add_context(owner, context);
-        out.write_u32(4);  // cbContext
-        out.write_u32(1);  // pbContext referent
-        out.write_u32(4);  // array count
+        out.write_u32(k_handle_length);  // cbContext
+        out.write_u32(k_referent);
+        out.write_u32(k_handle_length);  // array count
         out.write_u32(wire);
     } else {
         out.write_zero_fields(2);  // no context: length 0, null pointer

@@ -20,9 +20,6 @@ constexpr std::uint32_t k_not_implemented = 120;
 // What an absent or unknown wire handle becomes when handed to PC/SC.
 constexpr SCARDHANDLE k_no_handle = static_cast<SCARDHANDLE>(-1);
 
-constexpr std::uint32_t k_scard_e_insufficient_buffer = 0x80100008;
-constexpr std::uint32_t k_scard_e_unexpected = 0x8010001F;
-
 // One typed pointer per PC/SC function the handlers call; null when the library lacks it.
 struct c_pcsc_api {
     decltype(&::SCardEstablishContext) SCardEstablishContext = nullptr;

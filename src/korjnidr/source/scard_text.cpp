@@ -13,8 +13,7 @@ void widen_multistring(std::uint16_t* dst, const char* src, std::uint32_t n) {
     // Backwards, so that widening in place only overwrites bytes already read. Every unit up to n
     // is written: units past the terminators are zero rather than stale buffer contents.
     for (std::uint32_t i = n; i-- > 0;) {
-        const auto unit = i < k ? static_cast<std::uint16_t>(static_cast<std::int16_t>(static_cast<signed char>(src[i])))
-                                : std::uint16_t{0};
+        const std::uint16_t unit = i < k ? widen_char(src[i]) : 0;
         std::memcpy(reinterpret_cast<char*>(dst) + 2 * std::size_t{i}, &unit, sizeof unit);
     }
 }

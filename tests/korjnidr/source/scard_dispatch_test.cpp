@@ -1,137 +1,236 @@
-// Dispatch by control code (unsupported and unknown codes, the upper half) and the context calls
-// EstablishContext, ReleaseContext, IsValidContext and Cancel against fake PC/SC entries.
-#include <gtest/gtest.h>
+// The smart card handlers, call by call, against the PC/SC fakes: each case of the data files
+// tests/data/scard/*.cases (format in tests/data/scard/README) gives a request, how PC/SC answers,
+// the PC/SC calls expected and the reply expected byte for byte.
+#include <malloc.h>
 
-#include <string>
-#include <tuple>
-#include <vector>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
 
-#include "scard_test_support.h"
+#include "scard_fakes.h"
 
 namespace {
 
 using namespace scard_test;
 
-// What the fakes saw, in order: "<call> <handle>".
-std::vector<std::string> g_seen;
-LONG g_answer = 0;
-SCARDCONTEXT g_next_context = 0x5000;
-
-LONG seen(const char* what, unsigned long long handle) {
-    char b[64];
-    std::snprintf(b, sizeof b, "%s %llx", what, handle);
-    g_seen.push_back(b);
-    return g_answer;
+// Words of a line; [...], {...} and "..." stay whole.
+std::vector<std::string> words(const std::string& line) {
+    static const std::regex word(R"([^\s"\[{]*(\[[^\]]*\]|\{[^}]*\}|"[^"]*")|\S+)");
+    std::vector<std::string> out;
+    for (std::sregex_iterator i(line.begin(), line.end(), word), end; i != end; ++i) out.push_back(i->str());
+    return out;
 }
 
-class scard_dispatch : public service_fixture {
-protected:
-    void SetUp() override {
-        service_fixture::SetUp();
-        g_seen.clear();
-        g_answer = 0;
-        g_next_context = 0x5000;
-        service().SCardEstablishContext = [](DWORD scope, LPCVOID r1, LPCVOID r2, LPSCARDCONTEXT ctx) {
-            *ctx = g_next_context++;
-            return seen(r1 || r2 ? "establish reserved" : "establish", scope);
-        };
-        service().SCardReleaseContext = [](SCARDCONTEXT c) { return seen("release", c); };
-        service().SCardIsValidContext = [](SCARDCONTEXT c) { return seen("valid", c); };
-        service().SCardCancel = [](SCARDCONTEXT c) { return seen("cancel", c); };
+std::uint64_t number(const std::string& s) { return std::stoull(s, nullptr, 0); }
+
+void put_u32(bytes& b, std::uint64_t v) {
+    if (v > 0xFFFFFFFFu) throw std::invalid_argument("not a 32-bit field: " + std::to_string(v));
+    for (int i = 0; i < 4; ++i) b.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+}
+
+// "[3b 00*29]": hex bytes, each optionally repeated.
+bytes octet_list(const std::string& s) {
+    bytes out;
+    for (const std::string& w : words(s.substr(1, s.size() - 2))) {
+        const auto star = w.find('*');
+        const auto n = star == std::string::npos ? 1 : number(w.substr(star + 1));
+        out.insert(out.end(), n, static_cast<std::uint8_t>(std::stoul(w.substr(0, star), nullptr, 16)));
+    }
+    return out;
+}
+
+// The units of "text": characters, \0, \xHH, \uHHHH.
+std::vector<std::uint32_t> units(const std::string& s) {
+    std::vector<std::uint32_t> out;
+    for (std::size_t i = 1; i + 1 < s.size(); ++i) {
+        if (s[i] != '\\') {
+            out.push_back(static_cast<std::uint8_t>(s[i]));
+        } else if (s[++i] == '0') {
+            out.push_back(0);
+        } else {
+            const std::size_t digits = s[i] == 'x' ? 2 : 4;
+            out.push_back(static_cast<std::uint32_t>(std::stoul(s.substr(i + 1, digits), nullptr, 16)));
+            i += digits;
+        }
+    }
+    return out;
+}
+
+// One field: 7 or 0x7 (u32), #7 (handle array), [..] (bytes), {..} (byte array), "text" and
+// w"text" (8- and 16-bit conformant varying strings). A name before '=' documents the field.
+void field(bytes& b, const std::string& word) {
+    const auto eq = word.find('=');
+    const std::string v = eq < word.find_first_of("[{\"") ? word.substr(eq + 1) : word;
+    bytes raw = v[0] == '[' || v[0] == '{' ? octet_list(v) : bytes{};
+    std::size_t pad = 0;
+    if (v[0] == '#') {
+        put_u32(b, 4), put_u32(b, number(v.substr(1)));
+    } else if (v[0] == '{') {
+        put_u32(b, raw.size()), pad = raw.size();
+    } else if (v[0] == '"' || v[0] == 'w') {
+        const auto text = units(v.substr(v[0] == 'w'));
+        put_u32(b, text.size()), put_u32(b, 0), put_u32(b, text.size());
+        for (auto u : text) {
+            raw.push_back(static_cast<std::uint8_t>(u));
+            if (v[0] == 'w') raw.push_back(static_cast<std::uint8_t>(u >> 8));
+        }
+        pad = raw.size();
+    } else if (v[0] != '[') {
+        put_u32(b, number(v));
+    }
+    b.insert(b.end(), raw.begin(), raw.end());
+    while (pad++ % 4) b.push_back(0);
+}
+
+void set_script(c_script& s, const std::string& word) {
+    const auto eq = word.find('=');
+    const std::string key = word.substr(0, eq), v = word.substr(eq + 1);
+    std::stringstream list(v);
+    if (key == "results")
+        for (std::string r; std::getline(list, r, ',');) s.results.push_back(static_cast<LONG>(number(r)));
+    else if (key == "out" && v[0] == '[')
+        s.out = octet_list(v);
+    else if (key == "out")
+        for (auto u : units(v)) s.out.push_back(static_cast<std::uint8_t>(u));
+    else
+        *std::map<std::string, std::uint64_t*>{{"report", &s.report}, {"handle", &s.handle}, {"protocol", &s.protocol},
+                                               {"block", &s.block}, {"pci_extra", &s.pci_extra}}
+             .at(key) = number(v);
+}
+
+struct c_case {
+    int line = 0;
+    std::string title, error;  // error: the codec message expected instead of a reply
+    std::uint32_t code = 0;
+    std::int32_t owner = 1;
+    bool own_header = false, no_reply = false;
+    bytes request, reply;  // reply: the result code and the fields after it
+    std::vector<std::string> pcsc;
+    c_script script;
+
+    bytes req_bytes() const { return own_header ? request : scard_test::request().raw(request).build(); }
+    void run() const {
+        SCOPED_TRACE("line " + std::to_string(line) + ": " + title);
+        ASSERT_TRUE(no_reply || !error.empty() || !reply.empty()) << "no reply line";
+        g_script = script;
+        g_calls.clear();
+        bytes got, expected = reply;
+        std::string failure;
+        try {
+            got = call(code, req_bytes(), owner);
+        } catch (const std::runtime_error& e) {
+            failure = e.what();
+        }
+        EXPECT_EQ(failure, error);
+        while (expected.size() % 8) expected.push_back(0);
+        if (!reply.empty()) expected = scard_test::request().raw(expected).build();  // a reply's header has this form
+        EXPECT_EQ(octets(got.data(), got.size()), octets(expected.data(), expected.size()));
+        EXPECT_EQ(g_calls, pcsc);
     }
 };
 
-// A reply with no body: header, ObjectBufferLength, filler, the result, then zeros.
-bytes reply(std::uint8_t length, std::uint32_t result = 120) {
-    bytes b = {0x01, 0x10, 0x08, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, length, 0, 0, 0, 0, 0, 0, 0};
-    for (int i = 0; i < 4; ++i) b.push_back(static_cast<std::uint8_t>(result >> (8 * i)));
-    b.resize(16u + length, 0);
-    return b;
-}
-
-TEST_F(scard_dispatch, unsupported_calls_answer_120_whatever_the_request) {
-    const std::pair<std::uint32_t, std::uint8_t> cases[] = {
-        {80, 8},   {84, 8},   {88, 8},   {92, 8},  {96, 8},   {100, 8},  {104, 8},  {108, 8},
-        {112, 8},  {116, 8},  {120, 8},  {124, 8}, {152, 16}, {156, 16}, {196, 24}, {232, 16},
-        {236, 16}, {240, 16}, {244, 16}, {248, 8}, {252, 8},  {256, 8}};
-    for (const auto& [code, length] : cases) {
-        EXPECT_EQ(call(code, {0xFF}), reply(length)) << code;
-        EXPECT_EQ(call(0x00090000 | code, {}), reply(length)) << code;
+// One line of a case file. A case runs when a line that is not part of it comes.
+void read_line(const std::string& text, int line_no, c_case& pending, bool& have_case) {
+    const std::vector<std::string> w = words(text);
+    if (w.empty() || w[0][0] == '#') return;
+    const std::string& key = w[0];
+    const std::string rest = text.substr(std::min(text.size(), text.find(key) + key.size() + 1));
+    const auto arg = [&](std::size_t i) { return number(w.at(i)); };
+    if (key == "call" || key == "request" || key == "script" || key == "pcsc" || key == "reply") {
+        if (!have_case) throw std::invalid_argument("outside a case");
+        if (key == "call") pending.code = static_cast<std::uint32_t>(arg(1));
+        if (key == "call" && w.size() > 2) pending.owner = static_cast<std::int32_t>(number(w[2].substr(6)));
+        if (key == "pcsc") pending.pcsc.push_back(rest);
+        if (key == "reply" && pending.reply.empty() && (w.at(1) == "error" || w[1] == "none")) {
+            pending.error = w[1] == "error" ? rest.substr(6) : "", pending.no_reply = w[1] == "none";
+            return;
+        }
+        for (std::size_t i = 1; i < w.size() && key != "call" && key != "pcsc"; ++i) {
+            if (key == "script") set_script(pending.script, w[i]);
+            if (key == "request") pending.own_header |= w[i].rfind("header=", 0) == 0;
+            if (key != "script") field(key == "request" ? pending.request : pending.reply, w[i]);
+        }
+        return;
+    }
+    static const std::set<std::string> steps = {"--", "==", "missing", "context", "card", "cancel_owner", "reader"};
+    if (!steps.count(key)) throw std::invalid_argument("unknown line " + key);
+    if (have_case) pending.run();
+    have_case = key == "--";
+    if (key == "--") pending = c_case{}, pending.line = line_no, pending.title = rest;
+    if (key == "==") delete g_scard_service.exchange(fake_service());
+    if (key == "missing") delete g_scard_service.exchange(fake_service(std::set<std::string>(w.begin() + 1, w.end())));
+    const auto owner = [&] { return static_cast<std::int32_t>(arg(1)); };
+    if (key == "context") scard_service().add_context(owner(), static_cast<SCARDCONTEXT>(arg(2)));
+    if (key == "card") scard_service().add_card(owner(), static_cast<SCARDHANDLE>(arg(2)));
+    if (key == "cancel_owner") scard_service().cancel_owner(owner());
+    if (key == "reader") {
+        std::string name;
+        for (auto u : units(w.at(3))) name += static_cast<char>(u);
+        scard_service().add_reader(static_cast<SCARDHANDLE>(arg(1)), static_cast<std::uint32_t>(arg(2)), name.c_str());
     }
 }
 
-TEST_F(scard_dispatch, access_started_event_needs_four_bytes_of_anything) {
-    EXPECT_EQ(call(224, {0xDE, 0xAD, 0xBE, 0xEF, 0x01}), reply(8, 0));
-    for (std::size_t n = 0; n < 4; ++n) EXPECT_EQ(error_of(0x000900E0, bytes(n, 0x10)), "provide") << n;
-}
+class ScardCases : public ::testing::TestWithParam<std::string> {
+protected:
+    void TearDown() override { delete g_scard_service.exchange(nullptr); }
+};
 
-TEST_F(scard_dispatch, unknown_codes_leave_reader_and_writer_alone) {
-    for (std::uint32_t code : {0u, 22u, 228u, 260u, 0x00090104u, 0xFFFFu}) {
-        const bytes req = {0x00};  // a known handler would fail on this
-        kor::jni::c_ndr_reader in(req.data(), req.size());
-        kor::jni::c_ndr_writer out;
-        EXPECT_FALSE(kor::jni::scard_dispatch(1, code, in, out)) << code;
-        EXPECT_EQ(out.size(), 0u);
-        EXPECT_EQ(in.remaining(), 1u);
+TEST_P(ScardCases, RepliesAndPcscCalls) {
+    std::ifstream file(GetParam());
+    ASSERT_TRUE(file) << GetParam();
+    c_case pending;
+    bool have_case = false;
+    int line_no = 0;
+    for (std::string text; std::getline(file, text);) {
+        try {
+            read_line(text, ++line_no, pending, have_case);
+        } catch (const std::exception& e) {
+            FAIL() << "line " << line_no << ": " << e.what();
+        }
     }
+    if (have_case) pending.run();
 }
 
-TEST_F(scard_dispatch, a_missing_entry_answers_120_in_32_bytes_whatever_the_upper_half) {
-    service().SCardEstablishContext = nullptr;
-    for (std::uint32_t code : {0x14u, 0x00090014u, 0xFFFF0014u})
-        EXPECT_EQ(call(code, request().u32(2).build()), reply(16));
-    EXPECT_EQ(service().last_handle, 0u);
+std::vector<std::string> case_files() {
+    std::vector<std::string> out;
+    for (const auto& e : std::filesystem::directory_iterator(KORJNIDR_TEST_DATA "/scard"))
+        if (e.path().extension() == ".cases") out.push_back(e.path().string());
+    std::sort(out.begin(), out.end());
+    return out;
 }
 
-bytes context_request(std::uint32_t wire) { return request().u32s({4, 0x00020000}).handle(wire).build(); }
-
-TEST_F(scard_dispatch, establish_numbers_with_cards_and_keeps_nothing_when_it_fails) {
-    EXPECT_EQ(call(0x00090014, request().u32(2).build(), 7),
-              (bytes{0x01, 0x10, 0x08, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, 0x18, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                     4,    0,    0,    0,    1,    0,    0,    0,    4,    0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(service().add_card(7, 0x77), 2u);
-    EXPECT_EQ(u32_at(call(20, request().u32(0).build(), 9), 32), 3u);
-    EXPECT_EQ(service().find_context_record(1), std::make_pair(std::int32_t{7}, SCARDCONTEXT{0x5000}));
-    EXPECT_EQ(service().find_context_record(3), std::make_pair(std::int32_t{9}, SCARDCONTEXT{0x5001}));
-    g_answer = static_cast<LONG>(0x8010001DL);
-    EXPECT_EQ(call(20, request().u32(2).build()), reply(16, 0x8010001D));
-    EXPECT_EQ(service().contexts.size(), 2u);
-    EXPECT_EQ(g_seen, (std::vector<std::string>{"establish 2", "establish 0", "establish 2"}));
+// GetAttrib in allocate mode frees every block PC/SC hands over: also one that PC/SC stored
+// before it answered 0x8010001F and the fallback answered in its place. (That no block is read
+// past its end is a data case in control.cases.)
+long long heap_in_use() {
+    const struct mallinfo2 m = mallinfo2();
+    return static_cast<long long>(m.uordblks + m.hblkhd);
 }
 
-TEST_F(scard_dispatch, context_calls_translate_their_handle_or_send_all_ones) {
-    const std::uint32_t wire = u32_at(call(20, request().u32(2).build()), 32);
-    g_seen.clear();
-    g_answer = static_cast<LONG>(0xFFFFFFFF80100003LL);  // 64-bit LONG: only the low half goes back
-    EXPECT_EQ(call(28, context_request(wire)), reply(8, 0x80100003));
-    g_answer = 0;
-    call(168, context_request(wire));
-    call(28, context_request(99));                                              // unknown
-    call(28, request().u32s({0, 0}).build());                                   // null referent
-    call(24, request().u32s({4, 1}).u32(8).u32(wire).u32(0xAABBCCDD).build());  // count 8: its first 4 bytes
-    call(168, context_request(wire));                                           // released: unknown
-    EXPECT_EQ(g_seen, (std::vector<std::string>{"valid 5000", "cancel 5000", "valid ffffffffffffffff",
-                                                "valid ffffffffffffffff", "release 5000", "cancel ffffffffffffffff"}));
-    EXPECT_TRUE(service().contexts.empty());
-}
-
-TEST_F(scard_dispatch, malformed_requests_fail_before_pcsc) {
-    const std::uint32_t wire = u32_at(call(20, request().u32(2).build()), 32);
-    g_seen.clear();
-    bytes wrong_endian = context_request(wire);
-    wrong_endian[1] = 0x00;
-    const std::tuple<std::uint32_t, bytes, std::string> cases[] = {
-        {24, request().u32s({4, 1}).u32(3).u32(wire).build(), "bad handle"},
-        {28, request().u32s({4, 1}).u32(0).build(), "bad handle"},
-        {168, request().u32s({4, 1}).u32(4).build(), "provide"},
-        {24, request().u32(4).build(), "provide"},
-        {20, request().build(), "provide"},
-        {24, {}, "provide"},
-        {28, wrong_endian, "wrong endianess"},
+TEST(ScardGetAttrib, AllocatedBlocksAreFreedOnEveryPath) {
+    g_scard_service.store(fake_service());
+    scard_service().add_card(1, 0xCA4D);
+    scard_service().add_reader(0xCA4D, 2, "R1");
+    struct {
+        std::uint32_t attr, result;
+    } const cases[] = {
+        {k_attr_friendly_name_a, 0},         // the fallback's block replaces PC/SC's
+        {0x00010100, k_scard_e_unsupported_feature},  // PC/SC's answer stands
     };
-    for (const auto& [code, req, message] : cases) EXPECT_EQ(error_of(code, req), message) << code;
-    EXPECT_TRUE(g_seen.empty());
-    EXPECT_EQ(service().find_context(wire), SCARDCONTEXT{0x5000});
+    for (const auto& c : cases) {
+        g_script = c_script{}, g_calls.clear();
+        g_script.results = {static_cast<LONG>(k_scard_e_unsupported_feature)};
+        g_script.out = bytes(std::size_t{1} << 20, 0x5A);  // a block that a leak cannot hide
+        const long long before = heap_in_use();
+        const bytes reply = call(216, request().u32s({0, 0, 4, 1, c.attr, 0, 0xFFFFFFFF}).handle(1).build());
+        EXPECT_EQ(result_of(reply), c.result);
+        EXPECT_LT(heap_in_use() - before, 1 << 19) << std::hex << c.attr;
+    }
+    delete g_scard_service.exchange(nullptr);
 }
+
+INSTANTIATE_TEST_SUITE_P(Data, ScardCases, ::testing::ValuesIn(case_files()),
+                         [](const auto& info) { return std::filesystem::path(info.param).stem().string(); });
 
 }  // namespace

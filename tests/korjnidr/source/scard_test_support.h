@@ -1,5 +1,5 @@
-// Helpers for C++ tests of the smart card handlers: a request builder, reply readers, and a
-// fixture that installs a fresh card service whose PC/SC entries the test sets directly.
+// Helpers for C++ tests of the smart card channel: a request builder, one call through the
+// dispatcher, reply readers, and the scripted PC/SC stand-in (tests/pcsc_standin) when it is built.
 #pragma once
 
 #include <dlfcn.h>
@@ -8,16 +8,18 @@
 #include <cstdint>
 #include <initializer_list>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "kor_jnidr_scard.h"
+#include "scard_handler.h"
 
 namespace scard_test {
 
 using bytes = std::vector<std::uint8_t>;
 
-// Builds a request: the 16-byte type-serialization header, then the fields the test appends.
+// A request: the 16-byte type-serialization header (ObjectBufferLength filled in by build), then
+// the fields the test appends.
 class request {
 public:
     request() { b_ = {0x01, 0x10, 0x08, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, 0, 0, 0, 0, 0, 0, 0, 0}; }
@@ -29,24 +31,9 @@ public:
         for (auto v : vs) u32(v);
         return *this;
     }
-    request& u16(std::uint16_t v) {
-        b_.push_back(static_cast<std::uint8_t>(v));
-        b_.push_back(static_cast<std::uint8_t>(v >> 8));
-        return *this;
-    }
     request& raw(const bytes& v) {
         b_.insert(b_.end(), v.begin(), v.end());
         return *this;
-    }
-    request& pad4() {
-        while (b_.size() % 4) b_.push_back(0);
-        return *this;
-    }
-    // Conformant byte array: count, bytes, pad.
-    request& byte_array(const bytes& v) {
-        u32(static_cast<std::uint32_t>(v.size()));
-        raw(v);
-        return pad4();
     }
     // Deferred handle array of count 4 holding a wire id.
     request& handle(std::uint32_t wire) { return u32(4).u32(wire); }
@@ -74,38 +61,15 @@ inline std::uint32_t u32_at(const bytes& b, std::size_t off) {
 
 // Result code of a finished reply.
 inline std::uint32_t result_of(const bytes& reply) { return u32_at(reply, 16); }
-// Everything after the return code (body and pad).
-inline bytes body_of(const bytes& reply) { return bytes(reply.begin() + 20, reply.end()); }
 
-// Runs one call through the dispatcher with `owner` and returns the finished reply.
+// Runs one call through the dispatcher with `owner` and returns the finished reply (empty for a
+// code without a handler).
 inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) {
     kor::jni::c_ndr_reader in(req.data(), req.size());
     kor::jni::c_ndr_writer out;
     kor::jni::scard_dispatch(owner, code, in, out);
     return reply_bytes(out);
 }
-
-// The message a failing call throws with; empty when it does not throw.
-inline std::string error_of(std::uint32_t code, const bytes& req) {
-    try {
-        call(code, req);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
-}
-
-// Installs a fresh card service (no PC/SC library loaded, every entry null) for the test; the
-// test sets the entries it needs, e.g. service().SCardTransmit = &fake_transmit.
-class service_fixture : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_EQ(kor::jni::g_scard_service.load(), nullptr) << "a service is already installed";
-        kor::jni::g_scard_service.store(new kor::jni::c_scard_service());
-    }
-    void TearDown() override { delete kor::jni::g_scard_service.exchange(nullptr); }
-    kor::jni::c_scard_service& service() { return *kor::jni::g_scard_service.load(); }
-};
 
 #ifdef KORJNIDR_STANDIN_FULL
 // The scripted PC/SC stand-in (tests/pcsc_standin), loaded by path before the card service's own
