@@ -108,6 +108,12 @@ public:
     void finish(std::uint32_t result);
     bool finished() const noexcept { return front_size_ != 0; }
     void copy_to(void* target, std::size_t capacity) const;
+    // Hands the bytes written so far to sink(pointer, count) in order, where they lie (no copy).
+    template <class Sink>
+    void for_each_piece(Sink&& sink) const {
+        if (front_size_ + first_used_) sink(first_ + k_headroom - front_size_, front_size_ + first_used_);
+        for (const c_segment& s : more_) sink(s.bytes.get(), s.size);
+    }
 
     static constexpr std::size_t k_headroom = 24;
     static constexpr std::size_t k_inline = 4096;

@@ -90,70 +90,45 @@ constexpr bool strictly_increasing() {
 }
 static_assert(strictly_increasing(), "dispatch rows are sorted by code and each code appears once");
 
-// ---- the reply array ---------------------------------------------------------------------------
-
-// A Java byte array pinned with GetPrimitiveArrayCritical for the scope. Released with copy-back
-// when a range was handed out for writing, otherwise with JNI_ABORT.
-class c_critical_byte_array {
-public:
-    c_critical_byte_array(JNIEnv* env, jbyteArray array) : env_(env), array_(array) {
-        if (!array) return;
-        length_ = env->GetArrayLength(array);
-        if (env->ExceptionCheck()) throw c_jniexception("get_array_length");
-        data_ = static_cast<jbyte*>(env->GetPrimitiveArrayCritical(array, nullptr));
-        if (!data_) throw c_jniexception("get_array_critical(jbyte)");
-        touched_low_ = data_ + length_;
-        touched_high_ = data_;
-    }
-    ~c_critical_byte_array() {
-        if (data_) env_->ReleasePrimitiveArrayCritical(array_, data_, touched_low_ < touched_high_ ? 0 : JNI_ABORT);
-    }
-    c_critical_byte_array(const c_critical_byte_array&) = delete;
-    c_critical_byte_array& operator=(const c_critical_byte_array&) = delete;
-
-    jbyte* at(jsize offset, jsize count) {
-        touched_low_ = std::min(touched_low_, data_ + offset);
-        touched_high_ = std::max(touched_high_, data_ + offset + count);
-        return data_ + offset;
-    }
-
-private:
-    JNIEnv* env_;
-    jbyteArray array_;
-    jbyte* data_ = nullptr;
-    jsize length_ = 0;
-    jbyte* touched_low_ = nullptr;
-    jbyte* touched_high_ = nullptr;
-};
-
 // ---- the dispatch methods ----------------------------------------------------------------------
 
-// The reader covers clamp(length, 0, array length) bytes: a negative length reads nothing and a
-// length beyond the array is cut to the array, so nothing outside the array is ever read. An empty
-// reader still runs the handler, which fails "provide" if it needs bytes (an unknown code reads
-// nothing and yields an empty reply).
+// The request's first clamp(length, 0, array length) bytes, copied into `bytes` (inline up to
+// 2 KiB): a negative length reads nothing and a length beyond the array is cut to the array, so
+// nothing outside the array is ever read. Only these bytes are copied, not the whole array, and
+// the array is never written.
+void copy_request(JNIEnv* env, jbyteArray request, jint length, c_inline_buffer<2048>& bytes) {
+    const jsize count = request && length > 0 ? std::min(length, env->GetArrayLength(request)) : 0;
+    bytes.allocate(static_cast<std::size_t>(count));
+    if (count > 0) env->GetByteArrayRegion(request, 0, count, reinterpret_cast<jbyte*>(bytes.data));
+    bytes.used = static_cast<std::size_t>(count);
+}
+
+// A new Java array holding the reply, filled straight from the writer's storage.
+jbyteArray new_reply(JNIEnv* env, const c_ndr_writer& out) {
+    jbyteArray reply = env->NewByteArray(static_cast<jsize>(out.size()));
+    if (!reply) return nullptr;  // its OutOfMemoryError is pending
+    jsize at = 0;
+    out.for_each_piece([&](const std::uint8_t* piece, std::size_t n) {
+        env->SetByteArrayRegion(reply, at, static_cast<jsize>(n), reinterpret_cast<const jbyte*>(piece));
+        at += static_cast<jsize>(n);
+    });
+    return reply;
+}
+
+// An empty reader still runs the handler, which fails "provide" if it needs bytes (an unknown code
+// reads nothing and yields an empty reply).
 jbyteArray dispatch(JNIEnv* env, std::int32_t owner, std::uint32_t ioctl, jbyteArray request, jint length) {
     return exception_frame(env, jbyteArray{nullptr}, [&]() -> jbyteArray {
         c_ndr_writer out;
         {
             c_scard_use use;
             if (!use) return nullptr;
-            const jsize available = request ? env->GetArrayLength(request) : 0;
-            c_byte_array_elements bytes(env, request);
-            if (request && !bytes) return nullptr;  // GetByteArrayElements left an exception pending
-            bytes.abort_changes();                  // only read
-            c_ndr_reader in(bytes.data(), static_cast<std::size_t>(std::clamp<jint>(length, 0, available)));
+            c_inline_buffer<2048> bytes;
+            copy_request(env, request, length, bytes);
+            c_ndr_reader in(bytes.data, bytes.used);
             scard_dispatch(owner, ioctl, in, out);
-        }  // the request is released, then the use is given back (the last one tears down)
-
-        const auto size = static_cast<jsize>(out.size());
-        jbyteArray reply = env->NewByteArray(size);
-        if (!reply) return nullptr;
-        if (size > 0) {  // an empty reply has nothing to copy
-            c_critical_byte_array pinned(env, reply);
-            out.copy_to(pinned.at(0, size), out.size());
-        }
-        return reply;
+        }  // the use is given back (the last one tears down) before the reply reaches Java
+        return new_reply(env, out);
     });
 }
 
