@@ -92,6 +92,12 @@ public:
     void write_u32(std::uint32_t v) {
         const std::uint8_t b[4] = {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
                                    static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 24)};
+        if (more_.empty() && first_used_ + 4 <= k_inline) {  // the common case, without a call
+            std::memcpy(first_ + k_headroom + first_used_, b, 4);
+            first_used_ += 4;
+            body_size_ += 4;
+            return;
+        }
         write_bytes(b, 4);
     }
     void write_bytes(const void* p, std::size_t n);

@@ -3,6 +3,7 @@
 #include <kor_plox_ldm_NativeLDM.h>
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 #include <cerrno>
 
@@ -90,6 +91,21 @@ constexpr bool strictly_increasing() {
 }
 static_assert(strictly_increasing(), "dispatch rows are sorted by code and each code appears once");
 
+// Every code is a multiple of 4 up to 256, so the rows also make a table indexed by code / 4: a
+// lookup is one load rather than a search.
+constexpr std::size_t k_indexed_codes = 256 / 4 + 1;
+constexpr bool indexable() {
+    for (const c_dispatch_row& r : k_dispatch)
+        if (r.code % 4 || r.code / 4 >= k_indexed_codes) return false;
+    return true;
+}
+static_assert(indexable(), "every code is a multiple of 4 up to 256");
+constexpr std::array<c_handler, k_indexed_codes> k_handler_by_index = [] {
+    std::array<c_handler, k_indexed_codes> table{};
+    for (const c_dispatch_row& r : k_dispatch) table[r.code / 4] = r.handler;
+    return table;
+}();
+
 // ---- the dispatch methods ----------------------------------------------------------------------
 
 // The request's first clamp(length, 0, array length) bytes, copied into `bytes` (inline up to
@@ -148,11 +164,9 @@ jint get_smart_card_id(JNIEnv* env, jintArray status) {
 }  // namespace
 
 bool scard_dispatch(std::int32_t owner, std::uint32_t ioctl, c_ndr_reader& in, c_ndr_writer& out) {
-    const auto code = static_cast<std::uint16_t>(ioctl & 0xFFFF);
-    const auto row = std::lower_bound(std::begin(k_dispatch), std::end(k_dispatch), code,
-                                      [](const c_dispatch_row& r, std::uint16_t c) { return r.code < c; });
-    if (row == std::end(k_dispatch) || row->code != code) return false;
-    row->handler(in, out, owner);
+    const std::uint32_t code = ioctl & 0xFFFF;
+    if (code % 4 || code / 4 >= k_indexed_codes || !k_handler_by_index[code / 4]) return false;
+    k_handler_by_index[code / 4](in, out, owner);
     return true;
 }
 
