@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <array>
-#include <iterator>
 #include <cerrno>
+#include <iterator>
 
 #include "kor_jnidr_scard.h"
 
@@ -149,15 +149,17 @@ jbyteArray dispatch(JNIEnv* env, std::int32_t owner, std::uint32_t ioctl, jbyteA
 }
 
 // The owner-id methods have no frame of their own to report through: an allocation or mutex
-// failure while the service is built becomes a pending OutOfMemoryError / Error, the partial
-// service is freed, the use taken is given back, and the method answers -1 (create: false with
-// id[0] = -1).
-jint get_smart_card_id(JNIEnv* env, jintArray status) {
+// failure while the service is built becomes a pending OutOfMemoryError / Error, nothing is
+// published or counted, and the method answers -1 (create: false with id[0] = -1). `load_errno`
+// receives errno as the build left it, read before the status array's release (a JNI call).
+jint get_smart_card_id(JNIEnv* env, jintArray status, int& load_errno) {
     return exception_frame(env, jint{-1}, [&]() -> jint {
         c_int_array_elements st(env, status);
         if (status && !st) return -1;
         st.set_first(0);
-        return scard_get_owner_id();
+        const std::int32_t id = scard_get_owner_id();
+        load_errno = errno;
+        return id;
     });
 }
 
@@ -182,7 +184,8 @@ using namespace kor::jni;
 extern "C" {
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_NativeGetSmartCardID(JNIEnv* env, jclass, jintArray status) {
-    return get_smart_card_id(env, status);
+    int load_errno = 0;
+    return get_smart_card_id(env, status, load_errno);
 }
 
 JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1create(JNIEnv* env, jclass, jintArray err,
@@ -192,11 +195,11 @@ JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1create(
     if (err && !e) return JNI_FALSE;
     c_int_array_elements ids(env, id);
     if (id && !ids) return JNI_FALSE;
-    const jint r = get_smart_card_id(env, status);
-    const int saved = errno;
+    int load_errno = 0;
+    const jint r = get_smart_card_id(env, status, load_errno);
     ids.set_first(r);
     if (r >= 0) return JNI_TRUE;
-    e.set_first(saved);  // the raw errno, not mapped
+    e.set_first(load_errno);  // the raw errno, not mapped
     return JNI_FALSE;
 }
 
