@@ -9,6 +9,7 @@
 // the counter proves that it did.
 #include <jni.h>
 
+#include <algorithm>
 #include <atomic>
 
 // pcsc-lite's types on x86-64 (its headers need an include path this library is not built with).
@@ -35,6 +36,18 @@ extern "C" {
 JNIEXPORT jbyteArray JNICALL Java_kor_plox_ldm_bench_DispatchBench_floor(JNIEnv* env, jobject, jintArray, jint, jint,
                                                                         jbyteArray, jint) {
     return env->NewByteArray(64);
+}
+
+// The floor plus the three JNI calls that a dispatch cannot do without: the request's length, the
+// copy of its bytes, the copy of the reply into the new array.
+JNIEXPORT jbyteArray JNICALL Java_kor_plox_ldm_bench_DispatchBench_copyFloor(JNIEnv* env, jobject, jintArray, jint,
+                                                                            jint, jbyteArray request, jint length) {
+    jbyte bytes[2048];
+    const jsize count = std::min({length, env->GetArrayLength(request), jsize{2048}});
+    env->GetByteArrayRegion(request, 0, count, bytes);
+    jbyteArray reply = env->NewByteArray(64);
+    if (reply) env->SetByteArrayRegion(reply, 0, std::min(count, jsize{64}), bytes);
+    return reply;
 }
 
 JNIEXPORT jlong JNICALL Java_kor_plox_ldm_bench_DispatchBench_pcscCalls(JNIEnv*, jclass) {

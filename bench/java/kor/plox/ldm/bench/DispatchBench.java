@@ -22,10 +22,14 @@ import kor.plox.ldm.tool.Rdpesc;
  */
 public final class DispatchBench {
     private static final String CHILD = "KORJNIDR_DISPATCH_BENCH_CHILD";
+    private static final String FLOOR = "empty native: byte[] in, new byte[64] out";
     private static final int CALLS = Integer.getInteger("bench.dispatch.calls", 1_000_000);
 
     /** The floor: does nothing but return {@code new byte[64]}. */
     native byte[] floor(int[] unused, int owner, int ioctl, byte[] request, int length);
+
+    /** The floor plus what no dispatch can do without: the request's length and bytes, the reply's copy. */
+    native byte[] copyFloor(int[] unused, int owner, int ioctl, byte[] request, int length);
 
     /** Calls that reached the instant PC/SC so far. */
     static native long pcscCalls();
@@ -76,6 +80,11 @@ public final class DispatchBench {
         BenchTable.header();
         row(ldm, bench, owner, Rdpesc.IS_VALID_CONTEXT, isValid, "IsValidContext, instant PC/SC", "<= 1.3");
         row(ldm, bench, owner, Rdpesc.TRANSMIT, transmit, "Transmit of 64 bytes, instant PC/SC", "<= 1.8");
+        // What bounds the two rows above: the JNI calls alone, beside the same floor.
+        BenchTable.row("JNI part of a Transmit: length, copy in, out", FLOOR, BenchTable.pair(
+                i -> bench.copyFloor(null, owner, Rdpesc.TRANSMIT, transmit, transmit.length).length,
+                i -> bench.floor(null, owner, Rdpesc.TRANSMIT, transmit, transmit.length).length, CALLS),
+                BenchTable.Kind.TIME, 0, "bound");
         NativeLDM.m_native_scard_close(new int[1], owner);
         System.out.println("(sink " + (BenchTable.sink() & 1) + ")");
     }
@@ -84,7 +93,7 @@ public final class DispatchBench {
             String goal) throws Exception {
         double[][] ns = BenchTable.pair(i -> ldm.m_native_scard_process(null, owner, code, request, request.length).length,
                 i -> bench.floor(null, owner, code, request, request.length).length, CALLS);
-        BenchTable.row(path, "empty native: byte[] in, new byte[64] out", ns, BenchTable.Kind.TIME, 0, goal);
+        BenchTable.row(path, FLOOR, ns, BenchTable.Kind.TIME, 0, goal);
     }
 
     private static Rdpesc.Reply reply(NativeLDM ldm, int owner, int code, byte[] request) {
