@@ -90,15 +90,17 @@ public:
     void write_u8(std::uint8_t b) { write_bytes(&b, 1); }
     void write_zeros(std::size_t n);
     void write_u32(std::uint32_t v) {
-        const std::uint8_t b[4] = {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
-                                   static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 24)};
-        if (more_.empty() && first_used_ + 4 <= k_inline) {  // the common case, without a call
-            std::memcpy(first_ + k_headroom + first_used_, b, 4);
-            first_used_ += 4;
-            body_size_ += 4;
-            return;
-        }
-        write_bytes(b, 4);
+        std::uint8_t b[4];
+        // The common case stores straight into the inline segment, without a call or a copy.
+        const bool inline_room = more_.empty() && first_used_ + 4 <= k_inline;
+        std::uint8_t* at = inline_room ? first_ + k_headroom + first_used_ : b;
+        at[0] = static_cast<std::uint8_t>(v);
+        at[1] = static_cast<std::uint8_t>(v >> 8);
+        at[2] = static_cast<std::uint8_t>(v >> 16);
+        at[3] = static_cast<std::uint8_t>(v >> 24);
+        if (!inline_room) return write_bytes(b, 4);
+        first_used_ += 4;
+        body_size_ += 4;
     }
     void write_bytes(const void* p, std::size_t n);
     // n u32 fields of zero: the counts and null pointers of a failed call's return structure.
@@ -126,7 +128,6 @@ public:
 
 private:
     void prepend_u32(std::uint32_t v);
-    void prepend_u8(std::uint8_t b);
     // Appends n bytes: copies them from p, or zero-fills when p is null.
     void append(const std::uint8_t* p, std::size_t n);
 
@@ -136,11 +137,15 @@ private:
         std::size_t capacity = 0;
     };
 
-    std::uint8_t first_[k_headroom + k_inline];
+    // The counts come before first_ (after it, they would lie 4 KiB past the first body bytes,
+    // where the processor mistakes reading them for reading bytes just written), and body_size_
+    // and first_used_ are not neighbours, so that the compiler does not update them as one 16-byte
+    // pair, which the processor cannot forward from their separate 8-byte stores.
     std::size_t front_size_ = 0;   // bytes prepended, ending at first_ + k_headroom
     std::size_t body_size_ = 0;    // all appended bytes, in first_ and the segments
-    std::size_t first_used_ = 0;   // appended bytes held in first_
     std::vector<c_segment> more_;  // heap segments, only for bodies beyond k_inline
+    std::size_t first_used_ = 0;   // appended bytes held in first_
+    std::uint8_t first_[k_headroom + k_inline];
 };
 
 }  // namespace kor::jni
