@@ -162,9 +162,6 @@ std::int32_t c_locked_counter::decrement() {
     return --value;
 }
 
-c_locked_counter g_scard_users{c_locked_counter::static_init_t{}};
-c_locked_counter g_scard_owner_ids{c_locked_counter::static_init_t{}};
-
 }  // namespace kor::jni
 
 // ---- library hooks -----------------------------------------------------------------------------

@@ -234,8 +234,8 @@ public:
 class c_mutex {
 public:
     explicit c_mutex(bool recursive);
-    // Static initialisation that cannot fail: used by the process-wide counters so that the
-    // library always loads.
+    // Static initialisation that cannot fail: used by the card service's process-wide lock and
+    // counter so that the library always loads.
     struct static_init_t {};
     constexpr explicit c_mutex(static_init_t) noexcept : m(PTHREAD_MUTEX_INITIALIZER) {}
     ~c_mutex();
@@ -250,6 +250,7 @@ private:
     pthread_mutex_t m;
 };
 
+// Locks for a scope. The unlock's failure is ignored: a destructor cannot report it.
 class c_mutex_lock {
 public:
     explicit c_mutex_lock(c_mutex& mutex) : mutex_(&mutex) { mutex_->lock(); }
@@ -273,9 +274,5 @@ private:
     std::int32_t value = 0;
     c_mutex mutex;
 };
-
-// Usage count of the card service and source of owner ids; both live from load to unload.
-extern c_locked_counter g_scard_users;
-extern c_locked_counter g_scard_owner_ids;
 
 }  // namespace kor::jni

@@ -79,17 +79,15 @@ void c_ndr_writer::write_u16_units(const std::uint16_t* p, std::size_t n) {
     }
 }
 
-void c_ndr_writer::prepend_u8(std::uint8_t b) {
-    // finish() prepends exactly 20 bytes, within the headroom.
-    ++front_size_;
-    first_[k_headroom - front_size_] = b;
-}
-
 void c_ndr_writer::prepend_u32(std::uint32_t v) {
-    prepend_u8(static_cast<std::uint8_t>(v >> 24));
-    prepend_u8(static_cast<std::uint8_t>(v >> 16));
-    prepend_u8(static_cast<std::uint8_t>(v >> 8));
-    prepend_u8(static_cast<std::uint8_t>(v));
+    // finish() prepends exactly 20 bytes, within the headroom. The count moves once per word: a
+    // count bumped per byte would be read back after every byte store.
+    front_size_ += 4;
+    std::uint8_t* at = first_ + k_headroom - front_size_;
+    at[0] = static_cast<std::uint8_t>(v);
+    at[1] = static_cast<std::uint8_t>(v >> 8);
+    at[2] = static_cast<std::uint8_t>(v >> 16);
+    at[3] = static_cast<std::uint8_t>(v >> 24);
 }
 
 void c_ndr_writer::finish(std::uint32_t result) {
@@ -99,10 +97,7 @@ void c_ndr_writer::finish(std::uint32_t result) {
     prepend_u32(0);
     prepend_u32(object_length);
     prepend_u32(0xCCCCCCCC);
-    prepend_u8(0x00);
-    prepend_u8(0x08);
-    prepend_u8(0x10);
-    prepend_u8(0x01);
+    prepend_u32(0x00081001);  // 01 10 08 00: version 1, little-endian, common header length 8
 }
 
 void c_ndr_writer::copy_to(void* target, std::size_t capacity) const {

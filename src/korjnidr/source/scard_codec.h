@@ -83,9 +83,17 @@ public:
 
     void write_zeros(std::size_t n);
     void write_u32(std::uint32_t v) {
-        const std::uint8_t b[4] = {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
-                                   static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 24)};
-        write_bytes(b, 4);
+        std::uint8_t b[4];
+        // The common case stores straight into the inline segment, without a call or a copy.
+        const bool inline_room = more_.empty() && first_used_ + 4 <= k_inline;
+        std::uint8_t* at = inline_room ? first_ + k_headroom + first_used_ : b;
+        at[0] = static_cast<std::uint8_t>(v);
+        at[1] = static_cast<std::uint8_t>(v >> 8);
+        at[2] = static_cast<std::uint8_t>(v >> 16);
+        at[3] = static_cast<std::uint8_t>(v >> 24);
+        if (!inline_room) return write_bytes(b, 4);
+        first_used_ += 4;
+        body_size_ += 4;
     }
     void write_bytes(const void* p, std::size_t n);
     // n u32 fields of zero: the counts and null pointers of a failed call's return structure.
@@ -100,13 +108,18 @@ public:
     // Prepends the return code, pads to a multiple of 8 and prepends the header.
     void finish(std::uint32_t result);
     void copy_to(void* target, std::size_t capacity) const;
+    // Hands the bytes written so far to sink(pointer, count) in order, where they lie (no copy).
+    template <class Sink>
+    void for_each_piece(Sink&& sink) const {
+        if (front_size_ + first_used_) sink(first_ + k_headroom - front_size_, front_size_ + first_used_);
+        for (const c_segment& s : more_) sink(s.bytes.get(), s.size);
+    }
 
 private:
     static constexpr std::size_t k_headroom = 24;
     static constexpr std::size_t k_inline = 4096;
 
     void prepend_u32(std::uint32_t v);
-    void prepend_u8(std::uint8_t b);
     // Appends n bytes: copies them from p, or zero-fills when p is null.
     void append(const std::uint8_t* p, std::size_t n);
 
@@ -116,11 +129,15 @@ private:
         std::size_t capacity = 0;
     };
 
-    std::uint8_t first_[k_headroom + k_inline];
+    // The counts come before first_ (after it, they would lie 4 KiB past the first body bytes,
+    // where the processor mistakes reading them for reading bytes just written), and body_size_
+    // and first_used_ are not neighbours, so that the compiler does not update them as one 16-byte
+    // pair, which the processor cannot forward from their separate 8-byte stores.
     std::size_t front_size_ = 0;   // bytes prepended, ending at first_ + k_headroom
     std::size_t body_size_ = 0;    // all appended bytes, in first_ and the segments
-    std::size_t first_used_ = 0;   // appended bytes held in first_
     std::vector<c_segment> more_;  // heap segments, only for bodies beyond k_inline
+    std::size_t first_used_ = 0;   // appended bytes held in first_
+    std::uint8_t first_[k_headroom + k_inline];
 };
 
 }  // namespace kor::jni

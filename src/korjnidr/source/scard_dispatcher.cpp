@@ -3,8 +3,9 @@
 #include <kor_plox_ldm_NativeLDM.h>
 
 #include <algorithm>
-#include <iterator>
+#include <array>
 #include <cerrno>
+#include <iterator>
 
 #include "kor_jnidr_scard.h"
 
@@ -90,94 +91,84 @@ constexpr bool strictly_increasing() {
 }
 static_assert(strictly_increasing(), "dispatch rows are sorted by code and each code appears once");
 
-// ---- the reply array ---------------------------------------------------------------------------
-
-// A Java byte array pinned with GetPrimitiveArrayCritical for the scope. Released with copy-back
-// when a range was handed out for writing, otherwise with JNI_ABORT.
-class c_critical_byte_array {
-public:
-    c_critical_byte_array(JNIEnv* env, jbyteArray array) : env_(env), array_(array) {
-        if (!array) return;
-        length_ = env->GetArrayLength(array);
-        if (env->ExceptionCheck()) throw c_jniexception("get_array_length");
-        data_ = static_cast<jbyte*>(env->GetPrimitiveArrayCritical(array, nullptr));
-        if (!data_) throw c_jniexception("get_array_critical(jbyte)");
-        touched_low_ = data_ + length_;
-        touched_high_ = data_;
-    }
-    ~c_critical_byte_array() {
-        if (data_) env_->ReleasePrimitiveArrayCritical(array_, data_, touched_low_ < touched_high_ ? 0 : JNI_ABORT);
-    }
-    c_critical_byte_array(const c_critical_byte_array&) = delete;
-    c_critical_byte_array& operator=(const c_critical_byte_array&) = delete;
-
-    jbyte* at(jsize offset, jsize count) {
-        touched_low_ = std::min(touched_low_, data_ + offset);
-        touched_high_ = std::max(touched_high_, data_ + offset + count);
-        return data_ + offset;
-    }
-
-private:
-    JNIEnv* env_;
-    jbyteArray array_;
-    jbyte* data_ = nullptr;
-    jsize length_ = 0;
-    jbyte* touched_low_ = nullptr;
-    jbyte* touched_high_ = nullptr;
-};
+// Every code is a multiple of 4 up to 256, so the rows also make a table indexed by code / 4: a
+// lookup is one load rather than a search.
+constexpr std::size_t k_indexed_codes = 256 / 4 + 1;
+constexpr bool indexable() {
+    for (const c_dispatch_row& r : k_dispatch)
+        if (r.code % 4 || r.code / 4 >= k_indexed_codes) return false;
+    return true;
+}
+static_assert(indexable(), "every code is a multiple of 4 up to 256");
+constexpr std::array<c_handler, k_indexed_codes> k_handler_by_index = [] {
+    std::array<c_handler, k_indexed_codes> table{};
+    for (const c_dispatch_row& r : k_dispatch) table[r.code / 4] = r.handler;
+    return table;
+}();
 
 // ---- the dispatch methods ----------------------------------------------------------------------
 
-// The reader covers clamp(length, 0, array length) bytes: a negative length reads nothing and a
-// length beyond the array is cut to the array, so nothing outside the array is ever read. An empty
-// reader still runs the handler, which fails "provide" if it needs bytes (an unknown code reads
-// nothing and yields an empty reply).
+// The request's first clamp(length, 0, array length) bytes, copied into `bytes` (inline up to
+// 2 KiB): a negative length reads nothing and a length beyond the array is cut to the array, so
+// nothing outside the array is ever read. Only these bytes are copied, not the whole array, and
+// the array is never written.
+void copy_request(JNIEnv* env, jbyteArray request, jint length, c_inline_buffer<2048>& bytes) {
+    const jsize count = request && length > 0 ? std::min(length, env->GetArrayLength(request)) : 0;
+    bytes.allocate(static_cast<std::size_t>(count));
+    if (count > 0) env->GetByteArrayRegion(request, 0, count, reinterpret_cast<jbyte*>(bytes.data));
+    bytes.used = static_cast<std::size_t>(count);
+}
+
+// A new Java array holding the reply, filled straight from the writer's storage.
+jbyteArray new_reply(JNIEnv* env, const c_ndr_writer& out) {
+    jbyteArray reply = env->NewByteArray(static_cast<jsize>(out.size()));
+    if (!reply) return nullptr;  // its OutOfMemoryError is pending
+    jsize at = 0;
+    out.for_each_piece([&](const std::uint8_t* piece, std::size_t n) {
+        env->SetByteArrayRegion(reply, at, static_cast<jsize>(n), reinterpret_cast<const jbyte*>(piece));
+        at += static_cast<jsize>(n);
+    });
+    return reply;
+}
+
+// An empty reader still runs the handler, which fails "provide" if it needs bytes (an unknown code
+// reads nothing and yields an empty reply).
 jbyteArray dispatch(JNIEnv* env, std::int32_t owner, std::uint32_t ioctl, jbyteArray request, jint length) {
     return exception_frame(env, jbyteArray{nullptr}, [&]() -> jbyteArray {
         c_ndr_writer out;
         {
             c_scard_use use;
             if (!use) return nullptr;
-            const jsize available = request ? env->GetArrayLength(request) : 0;
-            c_byte_array_elements bytes(env, request);
-            if (request && !bytes) return nullptr;  // GetByteArrayElements left an exception pending
-            bytes.abort_changes();                  // only read
-            c_ndr_reader in(bytes.data(), static_cast<std::size_t>(std::clamp<jint>(length, 0, available)));
+            c_inline_buffer<2048> bytes;
+            copy_request(env, request, length, bytes);
+            c_ndr_reader in(bytes.data, bytes.used);
             scard_dispatch(owner, ioctl, in, out);
-        }  // the request is released, then the use is given back (the last one tears down)
-
-        const auto size = static_cast<jsize>(out.size());
-        jbyteArray reply = env->NewByteArray(size);
-        if (!reply) return nullptr;
-        if (size > 0) {  // an empty reply has nothing to copy
-            c_critical_byte_array pinned(env, reply);
-            out.copy_to(pinned.at(0, size), out.size());
-        }
-        return reply;
+        }  // the use is given back (the last one tears down) before the reply reaches Java
+        return new_reply(env, out);
     });
 }
 
 // The owner-id methods have no frame of their own to report through: an allocation or mutex
-// failure while the service is built becomes a pending OutOfMemoryError / Error, the partial
-// service is freed, the use taken is given back, and the method answers -1 (create: false with
-// id[0] = -1).
-jint get_smart_card_id(JNIEnv* env, jintArray status) {
+// failure while the service is built becomes a pending OutOfMemoryError / Error, nothing is
+// published or counted, and the method answers -1 (create: false with id[0] = -1). `load_errno`
+// receives errno as the build left it, read before the status array's release (a JNI call).
+jint get_smart_card_id(JNIEnv* env, jintArray status, int& load_errno) {
     return exception_frame(env, jint{-1}, [&]() -> jint {
         c_int_array_elements st(env, status);
         if (status && !st) return -1;
         st.set_first(0);
-        return scard_get_owner_id();
+        const std::int32_t id = scard_get_owner_id();
+        load_errno = errno;
+        return id;
     });
 }
 
 }  // namespace
 
 bool scard_dispatch(std::int32_t owner, std::uint32_t ioctl, c_ndr_reader& in, c_ndr_writer& out) {
-    const auto code = static_cast<std::uint16_t>(ioctl & 0xFFFF);
-    const auto row = std::lower_bound(std::begin(k_dispatch), std::end(k_dispatch), code,
-                                      [](const c_dispatch_row& r, std::uint16_t c) { return r.code < c; });
-    if (row == std::end(k_dispatch) || row->code != code) return false;
-    row->handler(in, out, owner);
+    const std::uint32_t code = ioctl & 0xFFFF;
+    if (code % 4 || code / 4 >= k_indexed_codes || !k_handler_by_index[code / 4]) return false;
+    k_handler_by_index[code / 4](in, out, owner);
     return true;
 }
 
@@ -193,7 +184,8 @@ using namespace kor::jni;
 extern "C" {
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_NativeGetSmartCardID(JNIEnv* env, jclass, jintArray status) {
-    return get_smart_card_id(env, status);
+    int load_errno = 0;
+    return get_smart_card_id(env, status, load_errno);
 }
 
 JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1create(JNIEnv* env, jclass, jintArray err,
@@ -203,11 +195,11 @@ JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1create(
     if (err && !e) return JNI_FALSE;
     c_int_array_elements ids(env, id);
     if (id && !ids) return JNI_FALSE;
-    const jint r = get_smart_card_id(env, status);
-    const int saved = errno;
+    int load_errno = 0;
+    const jint r = get_smart_card_id(env, status, load_errno);
     ids.set_first(r);
     if (r >= 0) return JNI_TRUE;
-    e.set_first(saved);  // the raw errno, not mapped
+    e.set_first(load_errno);  // the raw errno, not mapped
     return JNI_FALSE;
 }
 

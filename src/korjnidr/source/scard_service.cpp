@@ -1,11 +1,14 @@
 // The card service: building it (locale, dlopen, entry table), its handle tables and reader
-// records, and the usage count that decides when it is torn down.
+// records, and the uses and open owner ids that decide when it is torn down.
 #include "scard_service.h"
 
 #include <dlfcn.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <clocale>
 #include <cstring>
+#include <set>
 #include <tuple>
 
 namespace kor::jni {
@@ -14,12 +17,20 @@ std::atomic<c_scard_service*> g_scard_service{nullptr};
 
 namespace {
 
-// Held around every change of the usage count that may build or tear down the service, together
-// with the change of g_scard_service that goes with it. Without it, a close that has just given
-// back the last use could, before it clears g_scard_service, meet a create that counted 1 and built
-// a new service (or a dispatch that counted 2 on the old one). Only the counters' own short
-// sections, dlopen and dlclose run under it; it is never taken with the service lock held.
+// The service's life. g_scard_users counts its uses: one per open owner id, one per dispatch in
+// flight. A dispatch takes and gives back its use with atomic steps alone, but never moves the
+// count off or onto 0: it takes a use only from a count above 0 and gives one back lock-free only
+// while the count stays above 0. Every move between 0 and 1 happens under g_scard_lifecycle,
+// together with the change of g_scard_service that goes with it: a create that finds the count at
+// 0 therefore finds no service either (never one being torn down), and the use that brings the
+// count to 0 tears the service down while no dispatch holds a use and none can take one.
+// dlopen and dlclose run under the lock; it is never taken with the service lock held.
+std::atomic<std::int32_t> g_scard_users{0};
 c_mutex g_scard_lifecycle{c_mutex::static_init_t{}};
+// Under g_scard_lifecycle: the owner ids handed out and not yet closed, each holding one use. A
+// failed create's -1 counts too, once per failure, as its use stays taken.
+std::multiset<std::int32_t> g_open_owners;
+c_locked_counter g_scard_owner_ids{c_locked_counter::static_init_t{}};
 
 // The entry table, in the order in which the entries are resolved.
 template <class Fn>
@@ -60,32 +71,14 @@ void resolve_entries(c_pcsc_api& api, void* library) {
         k_pcsc_entries);
 }
 
-// Builds a service; false (with the service installed, no library and every entry null) when the
-// PC/SC library cannot be loaded. The object is complete, library and entries included, before it
-// is published, so nobody can see it half-built and no service lock is needed while it is built.
-// A failure (allocation, mutex) frees what was built and leaves g_scard_service as it was.
-bool create_scard_service() {
+// Builds a service, not yet published; without PC/SC (no library, every entry null) when
+// libpcsclite.so.1 cannot be loaded.
+std::unique_ptr<c_scard_service> build_scard_service() {
     auto service = std::make_unique<c_scard_service>();
     std::setlocale(LC_ALL, "");
     service->library = dlopen("libpcsclite.so.1", RTLD_NOW);
-    const bool loaded = service->library != nullptr;
-    if (loaded) resolve_entries(*service, service->library);
-    g_scard_service.store(service.release());
-    return loaded;
-}
-
-// Unloads PC/SC and discards every record without calling PC/SC: contexts that no owner closed are
-// not released, cards left connected are not disconnected.
-void destroy_scard_service(c_scard_service* service) {
-    if (service->library) dlclose(service->library);
-    delete service;  // the mutex, the handle records and the reader records with their names
-}
-
-// Gives one use back; the caller holds g_scard_lifecycle.
-void release_use_locked() {
-    if (g_scard_users.decrement() <= 0) {
-        if (c_scard_service* s = g_scard_service.exchange(nullptr)) destroy_scard_service(s);
-    }
+    if (service->library) resolve_entries(*service, service->library);
+    return service;
 }
 
 template <class List>
@@ -117,7 +110,20 @@ std::uint32_t add_to(c_scard_service& s, List& list, std::int32_t owner, SCARDHA
     return wire;
 }
 
+// Moves the first reader record of `card`, if any, from `readers` to `gone`.
+void move_reader(std::list<c_scard_reader_record>& readers, SCARDHANDLE card, std::list<c_scard_reader_record>& gone) {
+    const auto it = std::find_if(readers.begin(), readers.end(),
+                                 [card](const c_scard_reader_record& r) { return r.pcsc_card == card; });
+    if (it != readers.end()) gone.splice(gone.end(), readers, it);
+}
+
 }  // namespace
+
+// Unloads PC/SC and discards every record without calling PC/SC: contexts that no owner closed are
+// not released, cards left connected are not disconnected.
+c_scard_service::~c_scard_service() {
+    if (library) dlclose(library);
+}
 
 // ---- handle tables -----------------------------------------------------------------------------
 
@@ -140,6 +146,7 @@ std::pair<std::int32_t, SCARDCONTEXT> c_scard_service::find_context_record(std::
 }
 
 void c_scard_service::cancel_owner(std::int32_t owner) {
+    std::list<c_scard_reader_record> gone;  // freed after the lock is given back
     c_scard_service_lock lock(*this);
     for (auto it = contexts.begin(); it != contexts.end();) {
         if (it->owner != owner) {
@@ -152,7 +159,17 @@ void c_scard_service::cancel_owner(std::int32_t owner) {
         if (SCardCancel) SCardCancel(context);
         if (SCardReleaseContext) SCardReleaseContext(context);
     }
-    cards.remove_if([owner](const c_scard_handle_record& r) { return r.owner == owner; });
+    // The cards go without SCardDisconnect, and each takes its reader record with it (the first one
+    // of its PC/SC handle, as a Disconnect would), or a client that keeps one owner open while
+    // others come and go would grow the reader list without bound.
+    for (auto it = cards.begin(); it != cards.end();) {
+        if (it->owner != owner) {
+            ++it;
+            continue;
+        }
+        move_reader(card_readers, it->pcsc_handle, gone);
+        it = cards.erase(it);
+    }
 }
 
 // ---- reader records ----------------------------------------------------------------------------
@@ -175,15 +192,9 @@ void c_scard_service::set_reader_protocol(SCARDHANDLE card, std::uint32_t protoc
 }
 
 void c_scard_service::remove_reader(SCARDHANDLE card) {
-    std::unique_ptr<char, c_free_deleter> name;  // freed after the lock is given back
+    std::list<c_scard_reader_record> gone;  // freed after the lock is given back
     c_scard_service_lock lock(*this);
-    for (auto it = card_readers.begin(); it != card_readers.end(); ++it) {
-        if (it->pcsc_card == card) {
-            name = std::move(it->reader_name);
-            card_readers.erase(it);
-            return;
-        }
-    }
+    move_reader(card_readers, card, gone);
 }
 
 bool c_scard_service::copy_reader(SCARDHANDLE card, std::uint32_t& protocol, c_inline_buffer<1024>& name) {
@@ -203,51 +214,47 @@ bool c_scard_service::copy_reader(SCARDHANDLE card, std::uint32_t& protocol, c_i
 
 std::int32_t scard_get_owner_id() {
     c_mutex_lock lifecycle(g_scard_lifecycle);
-    // The use is given back if building or counting fails; an exception then leaves no trace.
-    struct c_pending_use {
-        bool keep = false;
-        ~c_pending_use() {
-            if (keep) return;
-            try {
-                release_use_locked();
-            } catch (...) {
-            }
-        }
-    } use;
-    if (g_scard_users.increment() <= 1 && !create_scard_service()) {
-        use.keep = true;  // the service without PC/SC stays, and so does this use
-        return -1;
-    }
-    const std::int32_t id = g_scard_owner_ids.increment();
-    use.keep = true;
+    // At 0 the count stays there until this lock's holder moves it, and there is no service. Every
+    // step that can fail (build, id, insert) comes before anything is published or counted, so a
+    // failure leaves no trace but an owner id that nobody was given.
+    std::unique_ptr<c_scard_service> built;
+    if (g_scard_users.load() == 0) built = build_scard_service();
+    const int load_errno = errno;  // what a failed create reports
+    const bool loaded = !built || built->library;  // a live service counts as loaded
+    const std::int32_t id = loaded ? g_scard_owner_ids.increment() : -1;
+    g_open_owners.insert(id);
+    if (built) g_scard_service.store(built.release());
+    g_scard_users.fetch_add(1);
+    errno = load_errno;
     return id;
 }
 
-bool scard_take_use() {
-    c_mutex_lock lifecycle(g_scard_lifecycle);
-    if (!g_scard_service.load()) return false;
-    if (g_scard_users.increment() == 1) {
-        // No owner left: the service is on its way out. (Under the lifecycle lock the count and the
-        // pointer change together, so this is only a guard.)
-        g_scard_users.decrement();
-        return false;
-    }
-    return true;
+bool scard_take_use() noexcept {
+    std::int32_t n = g_scard_users.load();
+    while (n > 0)
+        if (g_scard_users.compare_exchange_weak(n, n + 1)) return true;
+    return false;
 }
 
 void scard_release_use() {
+    std::int32_t n = g_scard_users.load();
+    while (n > 1)
+        if (g_scard_users.compare_exchange_weak(n, n - 1)) return;
+    // Perhaps the last use: decided under the lock, where the count may leave 1 only for 0.
     c_mutex_lock lifecycle(g_scard_lifecycle);
-    release_use_locked();
+    if (g_scard_users.fetch_sub(1) == 1) delete g_scard_service.exchange(nullptr);
 }
 
 void scard_cancel_pending(std::int32_t owner) {
-    // A use of its own keeps the service alive for this cancel even if the same id is closed twice
-    // at once; the owner's use is given back after it. (Owner ids are not tracked: closing an id
-    // twice gives back two uses, as the counting rules say, which is the Java side's affair.)
-    c_scard_use use;
-    if (!use) return;
+    {
+        c_mutex_lock lifecycle(g_scard_lifecycle);
+        const auto open = g_open_owners.find(owner);
+        if (open == g_open_owners.end()) return;
+        g_open_owners.erase(open);
+    }
+    // The owner's use, now held here, keeps the service through the cancel and is given back after.
+    c_scard_use use{c_scard_use::c_adopt{}};
     scard_service().cancel_owner(owner);
-    scard_release_use();
 }
 
 }  // namespace kor::jni

@@ -1,5 +1,5 @@
 // The process-wide card service: PC/SC entry table loaded at run time, wire handle tables,
-// reader records, and the usage count that governs the service's life.
+// reader records, and the uses and open owner ids that govern the service's life.
 #pragma once
 
 #include <winscard.h>
@@ -68,6 +68,7 @@ struct c_scard_reader_record {
 class c_scard_service : public c_pcsc_api {
 public:
     c_scard_service() : mutex(false) {}
+    ~c_scard_service();  // unloads PC/SC
     c_scard_service(const c_scard_service&) = delete;
     c_scard_service& operator=(const c_scard_service&) = delete;
 
@@ -86,7 +87,8 @@ public:
     std::uint32_t add_card(std::int32_t owner, SCARDHANDLE card);
     SCARDHANDLE find_card(std::uint32_t wire);
     SCARDHANDLE take_card(std::uint32_t wire);
-    // Cancels and releases the owner's contexts (PC/SC called under the lock), drops its cards.
+    // Cancels and releases the owner's contexts (PC/SC called under the lock), drops its cards and
+    // their reader records.
     void cancel_owner(std::int32_t owner);
 
     // Reader records, each under the service lock.
@@ -97,47 +99,45 @@ public:
     bool copy_reader(SCARDHANDLE card, std::uint32_t& protocol, c_inline_buffer<1024>& name);
 };
 
+// The service lock for a scope; a failed unlock is ignored, as c_mutex_lock does.
 class c_scard_service_lock {
 public:
-    explicit c_scard_service_lock(c_scard_service& s) : service_(&s) { service_->mutex.lock(); }
-    ~c_scard_service_lock() {
-        try {
-            service_->mutex.unlock();
-        } catch (...) {
-        }
-    }
-    c_scard_service_lock(const c_scard_service_lock&) = delete;
-    c_scard_service_lock& operator=(const c_scard_service_lock&) = delete;
+    explicit c_scard_service_lock(c_scard_service& s) : lock_(s.mutex) {}
 
 private:
-    c_scard_service* service_;
+    c_mutex_lock lock_;
 };
 
-// The live service or null. Read and written without a lock (the usage count keeps it alive),
-// hence atomic.
+// The live service or null. Set and cleared under the lifecycle lock, read without one: a use of
+// the service keeps it alive, hence atomic.
 extern std::atomic<c_scard_service*> g_scard_service;
 
 // The service that a handler runs against: live for the handler's whole run (the dispatcher
 // holds a use of it).
 inline c_scard_service& scard_service() noexcept { return *g_scard_service.load(); }
 
-// Takes one use, builds the service when it is the first; returns a new owner id, or -1 when the
-// PC/SC library could not be loaded.
+// Takes one use, builds the service when it is the first, and opens a new owner id, which it
+// returns; -1 when the PC/SC library could not be loaded (the use stays, and -1 counts as open).
 std::int32_t scard_get_owner_id();
-// Cancels what `owner` holds and gives one use back, tearing the service down after the last.
+// Closes `owner` if it is open: cancels what it holds and gives its use back, tearing the service
+// down after the last. An id that is not open (never handed out, or closed already) gives nothing
+// back: closing one id twice must not free the service under another owner's call.
 void scard_cancel_pending(std::int32_t owner);
+// Takes one use of the live service; false (nothing taken) when there is none, or when its last
+// use is being given back.
+bool scard_take_use() noexcept;
 // Gives one use back; tears the service down when that was the last.
 void scard_release_use();
-// Takes one use of the live service; false (nothing taken) when there is none, or when it has no
-// owner left and is being torn down.
-bool scard_take_use();
 
-// One use of the service for a scope: taken on construction when a service is live, given back on
-// every way out, the last one tearing the service down. A failure to give it back (a mutex
-// failure) cannot be reported from a destructor and is dropped.
+// One use of the service for a scope: taken on construction when a service is live (or adopted,
+// when the caller already holds it), given back on every way out, the last one tearing the service
+// down. A failure to give it back (a mutex failure) cannot be reported from a destructor and is
+// dropped.
 class c_scard_use {
 public:
-    c_scard_use() : taken_(scard_take_use()) {}
+    struct c_adopt {};
+    c_scard_use() noexcept : taken_(scard_take_use()) {}
+    explicit c_scard_use(c_adopt) noexcept : taken_(true) {}
     ~c_scard_use() {
         if (!taken_) return;
         try {

@@ -38,7 +38,7 @@ TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
                 const bool ok = id > 0 && reply.size() == 40 && result_of(reply) == 0;
                 (ok ? established : failures)++;
                 if (ok) dispatch_with_use(id, 28, request().u32s({4, 1}).handle(u32_at(reply, 32)).build());
-                scard_cancel_pending(id);
+                for (int close = 0; close < 2; ++close) scard_cancel_pending(id);  // the second finds it closed
             }
         });
     }
@@ -58,21 +58,25 @@ TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
         EXPECT_EQ(counts[f], established.load()) << f;
 }
 
+// Closing `other` thrice gives back its use once: the blocked call keeps its service.
 TEST(scard_concurrency, closing_the_last_owner_ends_a_blocked_call_which_then_tears_down) {
     ASSERT_EQ(g_scard_service.load(), nullptr);
     standin::get().reset();
     standin::get().script("SCardGetStatusChange block=1");
-    const std::int32_t owner = scard_get_owner_id();
+    const std::int32_t owner = scard_get_owner_id(), other = scard_get_owner_id();
     const std::uint32_t wire = u32_at(call(20, request().u32(2).build(), owner), 32);
     bytes reply;  // GetStatusChangeA: context, infinite time-out, no reader states
     std::thread blocked([&] {
         reply = dispatch_with_use(owner, 160, request().u32s({4, 1, 0xFFFFFFFF, 0, 0}).handle(wire).build());
     });
     ASSERT_TRUE(standin::get().wait_blocked(1, 10000));
+    for (int i = 0; i < 3; ++i) scard_cancel_pending(other);
+    const bool torn_down = g_scard_service.load() == nullptr;
+    EXPECT_FALSE(torn_down) << "the service went while a call was inside PC/SC";
+    if (torn_down) standin::get().reset();  // ends the blocked call: fail rather than hang
     scard_cancel_pending(owner);  // SCardCancel wakes the blocked call; its use keeps the service
     blocked.join();
-    EXPECT_EQ(result_of(reply),
-              0x80100002u);  // SCARD_E_CANCELLED, as PC/SC answered
+    EXPECT_EQ(result_of(reply), 0x80100002u);  // SCARD_E_CANCELLED, as PC/SC answered
     EXPECT_EQ(g_scard_service.load(), nullptr);
     EXPECT_EQ(standin::get().calls().back(), "SCardReleaseContext ctx=0xc0000001");
 }

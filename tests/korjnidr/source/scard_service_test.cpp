@@ -29,9 +29,13 @@ TEST_F(scard_service_life, owners_share_one_service_and_a_rebuilt_one_numbers_fr
     EXPECT_EQ(establish(a), 1u);
     EXPECT_EQ(first->add_card(a, 0x77), 2u);
     EXPECT_EQ(establish(b), 3u);
-    scard_cancel_pending(a);
+    for (int i = 0; i < 2; ++i) scard_cancel_pending(a);  // the second close finds a closed: no use back
     EXPECT_EQ(g_scard_service.load(), first);
-    scard_cancel_pending(b);
+    {
+        c_scard_use dispatch;
+        scard_cancel_pending(b);
+        EXPECT_EQ(g_scard_service.load(), first);
+    }  // the last use, a dispatch's, tears down
     EXPECT_EQ(g_scard_service.load(), nullptr);
     const std::int32_t c = scard_get_owner_id();  // owner ids go on, handles restart
     EXPECT_EQ(c, b + 1);
@@ -45,6 +49,8 @@ TEST_F(scard_service_life, closing_an_owner_cancels_then_releases_its_contexts_i
     establish(a);                                              // 0xc0000003
     c_scard_service& s = *g_scard_service.load();
     const std::uint32_t a_card = s.add_card(a, 0xca00000a), b_card = s.add_card(b, 0xca00000b);
+    s.add_reader(0xca00000a, 1, "A");
+    s.add_reader(0xca00000b, 1, "B");
     standin::get().reset();
     scard_cancel_pending(idle);
     scard_cancel_pending(a);
@@ -52,25 +58,12 @@ TEST_F(scard_service_life, closing_an_owner_cancels_then_releases_its_contexts_i
               (std::vector<std::string>{"SCardCancel ctx=0xc0000001", "SCardReleaseContext ctx=0xc0000001",
                                         "SCardCancel ctx=0xc0000003", "SCardReleaseContext ctx=0xc0000003"}));
     EXPECT_EQ(s.find_context(a1), k_no_handle);
-    EXPECT_EQ(s.find_card(a_card), k_no_handle);  // dropped, not disconnected
+    EXPECT_EQ(s.find_card(a_card), k_no_handle);  // dropped, not disconnected, with its reader record
+    ASSERT_EQ(s.card_readers.size(), 1u);
+    EXPECT_EQ(s.card_readers.front().pcsc_card, SCARDHANDLE{0xca00000b});
     EXPECT_EQ(s.find_context_record(b1), std::make_pair(b, SCARDCONTEXT{0xc0000002}));
     EXPECT_EQ(s.find_card(b_card), SCARDHANDLE{0xca00000b});
     scard_cancel_pending(b);
-}
-
-TEST_F(scard_service_life, a_use_in_flight_outlives_the_last_owner) {
-    const std::int32_t a = scard_get_owner_id();
-    const std::uint32_t wire = establish(a);
-    {
-        c_scard_use use;
-        ASSERT_TRUE(use);
-        scard_cancel_pending(a);
-        ASSERT_NE(g_scard_service.load(), nullptr);
-        // The handler still runs against the live service and reaches PC/SC.
-        EXPECT_EQ(result_of(call(28, request().u32s({4, 1}).handle(wire).build())), 0u);
-        EXPECT_EQ(standin::get().calls().back(), "SCardIsValidContext ctx=0xffffffffffffffff");
-    }
-    EXPECT_EQ(g_scard_service.load(), nullptr);
 }
 
 }  // namespace
