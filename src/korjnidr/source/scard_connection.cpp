@@ -75,13 +75,14 @@ void scard_disconnect(c_ndr_reader& in, c_ndr_writer& out) {
     in.read_header();
     const c_card_refs refs = c_card_refs::read(in);
     const DWORD disposition = in.read_u32();
-    // The card record goes before PC/SC is asked, whatever it answers; the reader record only
-    // when PC/SC succeeded.
+    // The card record goes before PC/SC is asked, and its reader record with it whatever PC/SC
+    // answers: no wire handle reaches that record any more, and a PC/SC handle given out again
+    // must not find a stale reader name.
     const SCARDHANDLE card = refs.lookup(in, &c_scard_service::take_card);
 
     c_scard_service& service = scard_service();
     const std::uint32_t result = pcsc_result(service.SCardDisconnect, card, disposition);
-    if (result == 0) service.remove_reader(card);
+    service.remove_reader(card);
     out.finish(result);
 }
 
