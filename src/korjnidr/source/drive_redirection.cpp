@@ -4,10 +4,12 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 #include "kor_plox_ldm_NativeLDM.h"
 
@@ -30,24 +32,123 @@ bool byte_range_ok(std::int32_t length, std::int32_t start, std::int32_t count) 
 
 namespace {
 
-// The errno frame over buf[start, start + count). A range outside the array reports EFAULT and
-// makes no system call, as the kernel would for a bad user pointer. A failed
-// GetByteArrayElements leaves the VM's OutOfMemoryError pending and returns -1 with no call.
-// The elements are copied back only after a successful call that filled them (`fills`).
-template <class Call>
-jint buffer_errno_frame(JNIEnv* env, jintArray err, jbyteArray buf, jint start, jint count, bool fills,
-                        jintArray done, Call&& call) noexcept {
+// ---- byte transfers ----------------------------------------------------------------------------
+//
+// read, pread, write and pwrite move only the bytes the call moves between the Java array and the
+// kernel: [start, start + count) out of the array for a write, [0, done) into it after a read.
+// Nothing else of the array is read or written, so the cost follows the count, not the array's
+// length, a failed call leaves the array as it was, and bytes another Java thread writes beside
+// the range are never overwritten. A range outside the array reports EFAULT with no system call,
+// as the kernel would for a bad user pointer; so does a null array.
+
+// Above this a transfer goes through a block of its own: no thread keeps a one-off huge block, and
+// no pin holds off the collector for longer than the copy of this many bytes.
+constexpr std::size_t k_large_transfer = std::size_t{1} << 20;
+
+// Native scratch for one transfer: on the stack for a small count, else a block that the thread
+// keeps and reuses (pages it never touches stay unmapped), else a block of the call's own.
+class c_transfer_buffer {
+public:
+    explicit c_transfer_buffer(std::size_t count) {
+        if (count <= sizeof stack_) {
+            data_ = stack_;
+        } else if (count <= k_large_transfer) {
+            thread_local std::unique_ptr<jbyte[]> kept;
+            if (!kept) kept.reset(new jbyte[k_large_transfer]);
+            data_ = kept.get();
+        } else {
+            own_.reset(new jbyte[count]);
+            data_ = own_.get();
+        }
+    }
+    jbyte* data() const noexcept { return data_; }
+
+private:
+    jbyte stack_[8192];
+    std::unique_ptr<jbyte[]> own_;
+    jbyte* data_;
+};
+
+// One read or write on a descriptor: at `position` for pread/pwrite, at the descriptor's own
+// offset when `position` is k_own_offset (preadv2's -1).
+struct c_transfer {
+    static constexpr off_t k_own_offset = -1;
+    int fd;
+    off_t position;
+
+    ssize_t read(void* at, std::size_t n, off_t skip, int flags) const {
+        if (position == k_own_offset && flags == 0) return ::read(fd, at, n);
+        iovec v{at, n};
+        return ::preadv2(fd, &v, 1, position == k_own_offset ? position : position + skip, flags);
+    }
+    ssize_t write(const void* at, std::size_t n) const {
+        return position == k_own_offset ? ::write(fd, at, n) : ::pwrite(fd, at, n, position);
+    }
+};
+
+bool range_refused(JNIEnv* env, jbyteArray buf, jint start, jint count) {
+    return !buf || !byte_range_ok(env->GetArrayLength(buf), start, count);
+}
+
+// The ordinary read: into native scratch, then the bytes read into the array.
+ssize_t read_through_scratch(JNIEnv* env, const c_transfer& t, jbyteArray buf, jint at, std::size_t count) {
+    c_transfer_buffer scratch(count);
+    const ssize_t n = t.read(scratch.data(), count, at, 0);
+    if (n > 0) env->SetByteArrayRegion(buf, at, static_cast<jsize>(n), scratch.data());
+    return n;
+}
+
+// A read straight into the array, pinned, that never waits: RWF_NOWAIT takes only what the page
+// cache holds (a pinned array holds off the collector, so the pin must never span a wait for a
+// disk, a network file system or another thread). The VM copies nothing for the pin. Returns -1
+// when nothing was read this way (not cached, a pipe with nothing in it, a kernel or file system
+// without the flag, or a position pread refuses): the ordinary read then runs and reports errno.
+ssize_t read_pinned(JNIEnv* env, const c_transfer& t, jbyteArray buf, std::size_t count) {
+    if (count > k_large_transfer || t.position < c_transfer::k_own_offset) return -1;  // pread's own EINVAL
+    void* array = env->GetPrimitiveArrayCritical(buf, nullptr);
+    if (!array) throw c_jniexception("GetPrimitiveArrayCritical");
+    const ssize_t n = t.read(array, count, 0, RWF_NOWAIT);
+    env->ReleasePrimitiveArrayCritical(buf, array, n > 0 ? 0 : JNI_ABORT);
+    return n;
+}
+
+// A file or block device may answer a cached prefix short: the rest is read as one ordinary read
+// would have, and a failure there still reports the prefix. A short answer from a pipe, socket or
+// terminal is what an ordinary read gives too.
+ssize_t read_rest(JNIEnv* env, const c_transfer& t, jbyteArray buf, std::size_t count, ssize_t n) {
+    struct stat st {};
+    if (static_cast<std::size_t>(n) == count || ::fstat(t.fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISBLK(st.st_mode)))
+        return n;
+    const ssize_t more = read_through_scratch(env, t, buf, static_cast<jint>(n), count - static_cast<std::size_t>(n));
+    return more > 0 ? n + more : n;
+}
+
+jint read_frame(JNIEnv* env, jintArray err, const c_transfer& t, jbyteArray buf, jint count, jintArray done) noexcept {
     return exception_frame(env, jint{-1}, [&]() -> jint {
-        if (!buf || !byte_range_ok(env->GetArrayLength(buf), start, count)) return report_errno(env, err, EFAULT);
-        c_byte_array_elements bytes(env, buf);
-        if (!bytes) return -1;
-        bytes.abort_changes();
+        if (range_refused(env, buf, 0, count)) return report_errno(env, err, EFAULT);
+        const auto n = static_cast<std::size_t>(count);
         return errno_frame(
-            env, err, [&] { return call(bytes.data() + start, static_cast<std::size_t>(count)); },
-            [&](ssize_t n) {
-                if (fills) bytes.keep_changes();
-                set_int_result(env, done, static_cast<jint>(n));
-            });
+            env, err,
+            [&] {
+                const ssize_t pinned = read_pinned(env, t, buf, n);
+                return pinned >= 0 ? read_rest(env, t, buf, n, pinned) : read_through_scratch(env, t, buf, 0, n);
+            },
+            [&](ssize_t r) { set_int_result(env, done, static_cast<jint>(r)); });
+    });
+}
+
+// Writes go through native scratch: buffered writes with RWF_NOWAIT are refused by common file
+// systems, and a pinned array must not span a write that waits for the disk.
+jint write_frame(JNIEnv* env, jintArray err, const c_transfer& t, jbyteArray buf, jint start, jint count,
+                 jintArray done) noexcept {
+    return exception_frame(env, jint{-1}, [&]() -> jint {
+        if (range_refused(env, buf, start, count)) return report_errno(env, err, EFAULT);
+        const auto n = static_cast<std::size_t>(count);
+        c_transfer_buffer scratch(n);
+        env->GetByteArrayRegion(buf, start, count, scratch.data());
+        return errno_frame(
+            env, err, [&] { return t.write(scratch.data(), n); },
+            [&](ssize_t r) { set_int_result(env, done, static_cast<jint>(r)); });
     });
 }
 
@@ -90,30 +191,26 @@ JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1close(JNIEnv
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1read(JNIEnv* env, jclass, jintArray err,
                                                                        jint fd, jbyteArray buf, jint count,
                                                                        jintArray done) {
-    return buffer_errno_frame(env, err, buf, 0, count, true, done,
-                              [&](jbyte* at, std::size_t n) { return ::read(fd, at, n); });
+    return read_frame(env, err, c_transfer{fd, c_transfer::k_own_offset}, buf, count, done);
 }
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1write(JNIEnv* env, jclass, jintArray err,
                                                                         jint fd, jbyteArray buf, jint count,
                                                                         jintArray done) {
-    return buffer_errno_frame(env, err, buf, 0, count, false, done,
-                              [&](const jbyte* at, std::size_t n) { return ::write(fd, at, n); });
+    return write_frame(env, err, c_transfer{fd, c_transfer::k_own_offset}, buf, 0, count, done);
 }
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1pread(JNIEnv* env, jclass, jintArray err,
                                                                         jint fd, jbyteArray buf, jint count,
                                                                         jlong position, jintArray done) {
-    return buffer_errno_frame(env, err, buf, 0, count, true, done,
-                              [&](jbyte* at, std::size_t n) { return ::pread(fd, at, n, position); });
+    return read_frame(env, err, c_transfer{fd, position}, buf, count, done);
 }
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1pwrite(JNIEnv* env, jclass, jintArray err,
                                                                          jint fd, jbyteArray buf, jint start,
                                                                          jint count, jlong position,
                                                                          jintArray done) {
-    return buffer_errno_frame(env, err, buf, start, count, false, done,
-                              [&](const jbyte* at, std::size_t n) { return ::pwrite(fd, at, n, position); });
+    return write_frame(env, err, c_transfer{fd, position}, buf, start, count, done);
 }
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1lseek(JNIEnv* env, jclass, jintArray err,
