@@ -69,20 +69,20 @@ private:
     jbyte* data_;
 };
 
-// One read or write on a descriptor: at `position` for pread/pwrite, at the descriptor's own
-// offset when `position` is k_own_offset (preadv2's -1).
+// One read or write on a descriptor: at `position` for pread and pwrite, at the descriptor's own
+// offset for read and write. `skip` moves past bytes an earlier part of the same read took.
 struct c_transfer {
-    static constexpr off_t k_own_offset = -1;
     int fd;
+    bool positional;
     off_t position;
 
     ssize_t read(void* at, std::size_t n, off_t skip, int flags) const {
-        if (position == k_own_offset && flags == 0) return ::read(fd, at, n);
+        if (flags == 0) return positional ? ::pread(fd, at, n, position + skip) : ::read(fd, at, n);
         iovec v{at, n};
-        return ::preadv2(fd, &v, 1, position == k_own_offset ? position : position + skip, flags);
+        return ::preadv2(fd, &v, 1, positional ? position + skip : -1, flags);  // -1: the own offset
     }
     ssize_t write(const void* at, std::size_t n) const {
-        return position == k_own_offset ? ::write(fd, at, n) : ::pwrite(fd, at, n, position);
+        return positional ? ::pwrite(fd, at, n, position) : ::write(fd, at, n);
     }
 };
 
@@ -104,9 +104,9 @@ ssize_t read_through_scratch(JNIEnv* env, const c_transfer& t, jbyteArray buf, j
 // when nothing was read this way (not cached, a pipe with nothing in it, a kernel or file system
 // without the flag, or a position pread refuses): the ordinary read then runs and reports errno.
 ssize_t read_pinned(JNIEnv* env, const c_transfer& t, jbyteArray buf, std::size_t count) {
-    if (count > k_large_transfer || t.position < c_transfer::k_own_offset) return -1;  // pread's own EINVAL
-    void* array = env->GetPrimitiveArrayCritical(buf, nullptr);
-    if (!array) throw c_jniexception("GetPrimitiveArrayCritical");
+    // A negative position is pread's own EINVAL (preadv2 would take -1 for the own offset).
+    if (count > k_large_transfer || (t.positional && t.position < 0)) return -1;
+    void* array = got_from_jni(env->GetPrimitiveArrayCritical(buf, nullptr), "GetPrimitiveArrayCritical");
     const ssize_t n = t.read(array, count, 0, RWF_NOWAIT);
     env->ReleasePrimitiveArrayCritical(buf, array, n > 0 ? 0 : JNI_ABORT);
     return n;
@@ -116,14 +116,15 @@ ssize_t read_pinned(JNIEnv* env, const c_transfer& t, jbyteArray buf, std::size_
 // would have, and a failure there still reports the prefix. A short answer from a pipe, socket or
 // terminal is what an ordinary read gives too.
 ssize_t read_rest(JNIEnv* env, const c_transfer& t, jbyteArray buf, std::size_t count, ssize_t n) {
+    const auto taken = static_cast<std::size_t>(n);
     struct stat st {};
-    if (static_cast<std::size_t>(n) == count || ::fstat(t.fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISBLK(st.st_mode)))
-        return n;
-    const ssize_t more = read_through_scratch(env, t, buf, static_cast<jint>(n), count - static_cast<std::size_t>(n));
+    if (taken == count || ::fstat(t.fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISBLK(st.st_mode))) return n;
+    const ssize_t more = read_through_scratch(env, t, buf, static_cast<jint>(n), count - taken);
     return more > 0 ? n + more : n;
 }
 
-jint read_frame(JNIEnv* env, jintArray err, const c_transfer& t, jbyteArray buf, jint count, jintArray done) noexcept {
+jint read_frame(JNIEnv* env, jintArray err, const c_transfer& t, jbyteArray buf, jint count,
+               jintArray done) noexcept {
     return exception_frame(env, jint{-1}, [&]() -> jint {
         if (range_refused(env, buf, 0, count)) return report_errno(env, err, EFAULT);
         const auto n = static_cast<std::size_t>(count);
@@ -191,26 +192,26 @@ JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1close(JNIEnv
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1read(JNIEnv* env, jclass, jintArray err,
                                                                        jint fd, jbyteArray buf, jint count,
                                                                        jintArray done) {
-    return read_frame(env, err, c_transfer{fd, c_transfer::k_own_offset}, buf, count, done);
+    return read_frame(env, err, c_transfer{fd, false, 0}, buf, count, done);
 }
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1write(JNIEnv* env, jclass, jintArray err,
                                                                         jint fd, jbyteArray buf, jint count,
                                                                         jintArray done) {
-    return write_frame(env, err, c_transfer{fd, c_transfer::k_own_offset}, buf, 0, count, done);
+    return write_frame(env, err, c_transfer{fd, false, 0}, buf, 0, count, done);
 }
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1pread(JNIEnv* env, jclass, jintArray err,
                                                                         jint fd, jbyteArray buf, jint count,
                                                                         jlong position, jintArray done) {
-    return read_frame(env, err, c_transfer{fd, position}, buf, count, done);
+    return read_frame(env, err, c_transfer{fd, true, position}, buf, count, done);
 }
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1pwrite(JNIEnv* env, jclass, jintArray err,
                                                                          jint fd, jbyteArray buf, jint start,
                                                                          jint count, jlong position,
                                                                          jintArray done) {
-    return write_frame(env, err, c_transfer{fd, position}, buf, start, count, done);
+    return write_frame(env, err, c_transfer{fd, true, position}, buf, start, count, done);
 }
 
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1lseek(JNIEnv* env, jclass, jintArray err,
