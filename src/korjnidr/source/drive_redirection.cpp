@@ -373,7 +373,6 @@ JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1unix_1readdir(JNIE
             return 1;
         }
         const c_java_string converted(env, entry.d_name);
-        if (!converted.ok && java_exception_pending(env)) return -1;  // NewString ran out of memory
         put_result(env, ino, entry.d_ino);
         env->SetObjectArrayElement(name, 0, converted.string);
         return 0;

@@ -115,8 +115,8 @@ c_java_string::c_java_string(JNIEnv* env, const char* text) {
     c_inline_buffer<4100> store;
     const std::size_t n = multibyte_to_units(text, count, store);
     if (n == static_cast<std::size_t>(-1)) return;
-    string = env->NewString(store.as<jchar>(), static_cast<jsize>(n));
-    ok = string != nullptr;
+    string = got_from_jni(env->NewString(store.as<jchar>(), static_cast<jsize>(n)), "NewString");
+    ok = true;
 }
 
 // ---- locking -----------------------------------------------------------------------------------

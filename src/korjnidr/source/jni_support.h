@@ -99,9 +99,9 @@ jboolean boolean_frame(JNIEnv* env, Body&& body) noexcept {
 
 // ---- scoped primitive array elements -----------------------------------------------------------
 
-// The one answer to a failed JNI Get... (a null result): the VM has left an exception pending
-// (OutOfMemoryError), so throw c_jniexception, whose frame keeps that exception and makes no further
-// JNI call. Every holder and pin of the library takes its pointer through this.
+// The one answer to a failed JNI Get... or New... (a null result): the VM has left an exception
+// pending (OutOfMemoryError), so throw c_jniexception, whose frame keeps that exception and makes no
+// further JNI call. Every holder, pin and new string of the library takes its pointer through this.
 template <class T>
 T* got_from_jni(T* p, const char* call) {
     if (!p) throw c_jniexception(call);
@@ -224,7 +224,7 @@ using c_native_short_string = c_native_text<1028>;
 std::size_t multibyte_to_units(const char* text, std::size_t count, c_inline_buffer<4100>& store);
 
 // NUL-terminated multibyte text to a Java string; `string` is null (and `ok` false) when the text
-// is not valid in the process locale or the VM could not make the string.
+// is not valid in the process locale. A string the VM could not make throws (got_from_jni).
 class c_java_string {
 public:
     c_java_string(JNIEnv* env, const char* text);
