@@ -37,9 +37,9 @@ namespace {
 // read, pread, write and pwrite move only the bytes the call moves between the Java array and the
 // kernel: [start, start + count) out of the array for a write, [0, done) into it after a read.
 // Nothing else of the array is read or written, so the cost follows the count, not the array's
-// length, a failed call leaves the array as it was, and bytes another Java thread writes beside
-// the range are never overwritten. A range outside the array reports EFAULT with no system call,
-// as the kernel would for a bad user pointer; so does a null array.
+// length, a failed call leaves the array as it was, and no copy-back overwrites what another Java
+// thread writes beside the range meanwhile. A range outside the array reports EFAULT with no
+// system call, as the kernel would for a bad user pointer; so does a null array.
 
 // Above this a transfer goes through a block of its own: no thread keeps a one-off huge block, and
 // no pin holds off the collector for longer than the copy of this many bytes.
@@ -100,7 +100,8 @@ ssize_t read_through_scratch(JNIEnv* env, const c_transfer& t, jbyteArray buf, j
 
 // A read straight into the array, pinned, that never waits: RWF_NOWAIT takes only what the page
 // cache holds (a pinned array holds off the collector, so the pin must never span a wait for a
-// disk, a network file system or another thread). The VM copies nothing for the pin. Returns -1
+// disk, a network file system or another thread). HotSpot copies nothing for the pin, so a cached
+// read costs the kernel's copy alone, where the ordinary read adds a second one. Returns -1
 // when nothing was read this way (not cached, a pipe with nothing in it, a kernel or file system
 // without the flag, or a position pread refuses): the ordinary read then runs and reports errno.
 ssize_t read_pinned(JNIEnv* env, const c_transfer& t, jbyteArray buf, std::size_t count) {
