@@ -15,7 +15,10 @@ public final class BenchTable {
         long run(int i) throws Exception;
     }
 
-    /** How a row's ratio reads: TIME is library time / beside time (lower is better), SPEED its inverse. */
+    /**
+     * How a row's ratio reads: TIME is library time / beside time (lower is better), SPEED its inverse.
+     * Rows in MB/s are SPEED and rows in ns are TIME, as the header says.
+     */
     public enum Kind { TIME, SPEED }
 
     public static final int REPETITIONS = Integer.getInteger("bench.repetitions", 7);
@@ -55,6 +58,8 @@ public final class BenchTable {
             return;
         }
         headerPrinted = true;
+        System.out.printf("Ratios are paired repetition by repetition (%d repetitions): on MB/s rows library speed"
+                + " / beside speed, on ns rows library time / beside time.%n%n", REPETITIONS);
         System.out.printf("| %-46s | %12s | %-44s | %12s | %-22s | %-8s |%n", "path", "library",
                 "beside it", "beside", "ratio median (min-max)", "goal");
         System.out.printf("|%s|%s|%s|%s|%s|%s|%n", "-".repeat(48), "-".repeat(14), "-".repeat(46),
