@@ -77,9 +77,10 @@ struct c_transfer {
     off_t position;
 
     ssize_t read(void* at, std::size_t n, off_t skip, int flags) const {
-        if (flags == 0) return positional ? ::pread(fd, at, n, position + skip) : ::read(fd, at, n);
+        if (!positional) return ::read(fd, at, n);
+        if (flags == 0) return ::pread(fd, at, n, position + skip);
         iovec v{at, n};
-        return ::preadv2(fd, &v, 1, positional ? position + skip : -1, flags);  // -1: the own offset
+        return ::preadv2(fd, &v, 1, position + skip, flags);
     }
     ssize_t write(const void* at, std::size_t n) const {
         return positional ? ::pwrite(fd, at, n, position) : ::write(fd, at, n);
@@ -98,24 +99,26 @@ ssize_t read_through_scratch(JNIEnv* env, const c_transfer& t, jbyteArray buf, j
     return n;
 }
 
-// A read straight into the array, pinned, that never waits: RWF_NOWAIT takes only what the page
+// A pread straight into the array, pinned, that never waits: RWF_NOWAIT takes only what the page
 // cache holds (a pinned array holds off the collector, so the pin must never span a wait for a
 // disk, a network file system or another thread). HotSpot copies nothing for the pin, so a cached
 // read costs the kernel's copy alone, where the ordinary read adds a second one. Returns -1
-// when nothing was read this way (not cached, a pipe with nothing in it, a kernel or file system
-// without the flag, or a position pread refuses): the ordinary read then runs and reports errno.
+// when nothing was read this way (not cached, a kernel or file system without the flag, or a
+// position pread refuses): the ordinary pread then runs and reports errno. A read at the
+// descriptor's own offset is always one ordinary read(2): finishing a short cached part with a
+// second call would let another thread's read on the same descriptor land between the two.
 ssize_t read_pinned(JNIEnv* env, const c_transfer& t, jbyteArray buf, std::size_t count) {
     // A negative position is pread's own EINVAL (preadv2 would take -1 for the own offset).
-    if (count > k_large_transfer || (t.positional && t.position < 0)) return -1;
+    if (!t.positional || t.position < 0 || count > k_large_transfer) return -1;
     void* array = got_from_jni(env->GetPrimitiveArrayCritical(buf, nullptr), "GetPrimitiveArrayCritical");
     const ssize_t n = t.read(array, count, 0, RWF_NOWAIT);
     env->ReleasePrimitiveArrayCritical(buf, array, n > 0 ? 0 : JNI_ABORT);
     return n;
 }
 
-// A file or block device may answer a cached prefix short: the rest is read as one ordinary read
-// would have, and a failure there still reports the prefix. A short answer from a pipe, socket or
-// terminal is what an ordinary read gives too.
+// A file or block device may answer a cached prefix short: the rest is read as one ordinary pread
+// would have, and a failure there still reports the prefix. Other descriptors that take a position
+// answer short as an ordinary pread would.
 ssize_t read_rest(JNIEnv* env, const c_transfer& t, jbyteArray buf, std::size_t count, ssize_t n) {
     const auto taken = static_cast<std::size_t>(n);
     struct stat st {};

@@ -96,6 +96,35 @@ public final class IoBench {
         }, calls(size)), BenchTable.Kind.SPEED, size, "");
     }
 
+    /**
+     * read and write at the descriptor's own offset, front to back through the file (both sides go
+     * back to the start at the same calls): a read here is always one read(2) through scratch.
+     */
+    private void ownOffset(int size) throws Exception {
+        byte[] array = new byte[size];
+        int slots = FILE_SIZE / size;
+        long[] pos = {0};
+        BenchTable.row("read " + label(size) + " at the own offset", "RandomAccessFile.read byte[]",
+                BenchTable.pair(i -> {
+                    if (i % slots == 0) NativeLDM.m_native_unix_lseek(err, fd, 0, 0, pos);
+                    NativeLDM.m_native_unix_read(err, fd, array, size, done);
+                    return done[0];
+                }, i -> {
+                    if (i % slots == 0) raf.seek(0);
+                    return raf.read(array);
+                }, calls(size)), BenchTable.Kind.SPEED, size, ">= 1.05");
+        BenchTable.row("write " + label(size) + " at the own offset", "RandomAccessFile.write byte[]",
+                BenchTable.pair(i -> {
+                    if (i % slots == 0) NativeLDM.m_native_unix_lseek(err, fd, 0, 0, pos);
+                    NativeLDM.m_native_unix_write(err, fd, array, size, done);
+                    return done[0];
+                }, i -> {
+                    if (i % slots == 0) raf.seek(0);
+                    raf.write(array);
+                    return 0;
+                }, calls(size)), BenchTable.Kind.SPEED, size, ">= 1.05");
+    }
+
     /** What a small count costs in a large array: only the bytes moved should count. */
     private void countNotArray() throws Exception {
         int size = 64 << 10;
@@ -124,6 +153,7 @@ public final class IoBench {
                 for (int size : SIZES) {
                     bench.writes(size);
                 }
+                bench.ownOffset(64 << 10);
             } finally {
                 NativeLDM.m_native_unix_close(bench.err, bench.fd);
                 bench.raf.close();
