@@ -72,10 +72,9 @@ c_native_text<N>::c_native_text(JNIEnv* env, jstring s) {
     // One extra wide character for the terminator that wcstombs needs to stop.
     c_inline_buffer<N> wide_store;
     auto* wide = reinterpret_cast<wchar_t*>(wide_store.allocate(sizeof(wchar_t) * (count + 1)));
-    const jchar* units = env->GetStringChars(s, nullptr);
-    // The VM's OutOfMemoryError is pending: leave through the frame, which keeps it, rather than
-    // letting a caller report a conversion failure with more JNI calls.
-    if (!units) throw c_jniexception("GetStringChars");
+    // A failure leaves through the frame rather than as a conversion failure that a caller would
+    // report with more JNI calls.
+    const jchar* units = got_from_jni(env->GetStringChars(s, nullptr), "GetStringChars");
     bool embedded_nul = false;
     for (std::size_t i = 0; i < count; ++i) {
         wide[i] = static_cast<wchar_t>(units[i]);  // surrogate halves stay separate characters
@@ -116,8 +115,8 @@ c_java_string::c_java_string(JNIEnv* env, const char* text) {
     c_inline_buffer<4100> store;
     const std::size_t n = multibyte_to_units(text, count, store);
     if (n == static_cast<std::size_t>(-1)) return;
-    string = env->NewString(store.as<jchar>(), static_cast<jsize>(n));
-    ok = string != nullptr;
+    string = got_from_jni(env->NewString(store.as<jchar>(), static_cast<jsize>(n)), "NewString");
+    ok = true;
 }
 
 // ---- locking -----------------------------------------------------------------------------------

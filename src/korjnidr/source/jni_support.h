@@ -99,25 +99,33 @@ jboolean boolean_frame(JNIEnv* env, Body&& body) noexcept {
 
 // ---- scoped primitive array elements -----------------------------------------------------------
 
+// The one answer to a failed JNI Get... or New... (a null result): the VM has left an exception
+// pending (OutOfMemoryError), so throw c_jniexception, whose frame keeps that exception and makes no
+// further JNI call. Every holder, pin and new string of the library takes its pointer through this.
+template <class T>
+T* got_from_jni(T* p, const char* call) {
+    if (!p) throw c_jniexception(call);
+    return p;
+}
+
 template <class T> struct c_array_traits;
 template <> struct c_array_traits<jint> {
     using array = jintArray;
-    static jint* get(JNIEnv* e, array a) { return e->GetIntArrayElements(a, nullptr); }
+    static jint* get(JNIEnv* e, array a) {
+        return got_from_jni(e->GetIntArrayElements(a, nullptr), "GetIntArrayElements");
+    }
     static void release(JNIEnv* e, array a, jint* p, jint m) { e->ReleaseIntArrayElements(a, p, m); }
-};
-template <> struct c_array_traits<jlong> {
-    using array = jlongArray;
-    static jlong* get(JNIEnv* e, array a) { return e->GetLongArrayElements(a, nullptr); }
-    static void release(JNIEnv* e, array a, jlong* p, jint m) { e->ReleaseLongArrayElements(a, p, m); }
 };
 template <> struct c_array_traits<jbyte> {
     using array = jbyteArray;
-    static jbyte* get(JNIEnv* e, array a) { return e->GetByteArrayElements(a, nullptr); }
+    static jbyte* get(JNIEnv* e, array a) {
+        return got_from_jni(e->GetByteArrayElements(a, nullptr), "GetByteArrayElements");
+    }
     static void release(JNIEnv* e, array a, jbyte* p, jint m) { e->ReleaseByteArrayElements(a, p, m); }
 };
 
 // Elements of a Java primitive array, released when the scope ends: copied back (mode 0) unless
-// abort_changes() was called. A null array or a failed Get leaves data() null.
+// abort_changes() was called. A null array holds nothing (data() is null); a failed Get throws.
 template <class T>
 class c_array_elements {
 public:
@@ -132,14 +140,12 @@ public:
 
     T* data() const noexcept { return elements_; }
     explicit operator bool() const noexcept { return elements_ != nullptr; }
-    T& operator[](std::size_t i) const noexcept { return elements_[i]; }
     // Writes element 0 when the array has one (a zero-length array is left alone; so is any array
     // while an exception is pending, when its length cannot be asked).
     void set_first(T v) const {
         if (elements_ && !env_->ExceptionCheck() && env_->GetArrayLength(array_) > 0) elements_[0] = v;
     }
     void abort_changes() noexcept { mode_ = JNI_ABORT; }
-    void keep_changes() noexcept { mode_ = 0; }
 
 private:
     JNIEnv* env_;
@@ -149,7 +155,6 @@ private:
 };
 
 using c_int_array_elements = c_array_elements<jint>;
-using c_long_array_elements = c_array_elements<jlong>;
 using c_byte_array_elements = c_array_elements<jbyte>;
 
 // ---- inline buffer -----------------------------------------------------------------------------
@@ -219,7 +224,7 @@ using c_native_short_string = c_native_text<1028>;
 std::size_t multibyte_to_units(const char* text, std::size_t count, c_inline_buffer<4100>& store);
 
 // NUL-terminated multibyte text to a Java string; `string` is null (and `ok` false) when the text
-// is not valid in the process locale or the VM could not make the string.
+// is not valid in the process locale. A string the VM could not make throws (got_from_jni).
 class c_java_string {
 public:
     c_java_string(JNIEnv* env, const char* text);

@@ -15,11 +15,15 @@ public final class BenchTable {
         long run(int i) throws Exception;
     }
 
-    /** How a row's ratio reads: TIME is library time / beside time (lower is better), SPEED its inverse. */
+    /**
+     * How a row's ratio reads: TIME is library time / beside time (lower is better), SPEED its inverse.
+     * Rows in MB/s are SPEED and rows in ns are TIME, as the header says.
+     */
     public enum Kind { TIME, SPEED }
 
     public static final int REPETITIONS = Integer.getInteger("bench.repetitions", 7);
     private static long sink;
+    private static boolean headerPrinted;
 
     private BenchTable() {
     }
@@ -45,7 +49,17 @@ public final class BenchTable {
         return ns;
     }
 
+    /**
+     * Prints the table's header, once per run: scripts/bench.sh prints it before the first harness
+     * and sets {@code bench.continued} for each harness so that they all add to one table.
+     */
     public static void header() {
+        if (Boolean.getBoolean("bench.continued") || headerPrinted) {
+            return;
+        }
+        headerPrinted = true;
+        System.out.printf("Ratios are paired repetition by repetition (%d repetitions): on MB/s rows library speed"
+                + " / beside speed, on ns rows library time / beside time.%n%n", REPETITIONS);
         System.out.printf("| %-46s | %12s | %-44s | %12s | %-22s | %-8s |%n", "path", "library",
                 "beside it", "beside", "ratio median (min-max)", "goal");
         System.out.printf("|%s|%s|%s|%s|%s|%s|%n", "-".repeat(48), "-".repeat(14), "-".repeat(46),
@@ -75,6 +89,11 @@ public final class BenchTable {
         double[] v = values.clone();
         Arrays.sort(v);
         return v.length % 2 == 1 ? v[v.length / 2] : (v[v.length / 2 - 1] + v[v.length / 2]) / 2;
+    }
+
+    /** Prints the header alone: the first line of scripts/bench.sh's table. */
+    public static void main(String[] args) {
+        header();
     }
 
     /** Keeps the sink observable. */
