@@ -155,7 +155,6 @@ jbyteArray dispatch(JNIEnv* env, std::int32_t owner, std::uint32_t ioctl, jbyteA
 jint get_smart_card_id(JNIEnv* env, jintArray status, int& load_errno) {
     return exception_frame(env, jint{-1}, [&]() -> jint {
         c_int_array_elements st(env, status);
-        if (status && !st) return -1;
         st.set_first(0);
         const std::int32_t id = scard_get_owner_id();
         load_errno = errno;
@@ -190,17 +189,17 @@ JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_NativeGetSmartCardID(JNIEnv* 
 
 JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1create(JNIEnv* env, jclass, jintArray err,
                                                                                jintArray status, jintArray id) {
-    // A failed Get leaves OutOfMemoryError pending: no further JNI call, no owner id taken.
-    c_int_array_elements e(env, err);
-    if (err && !e) return JNI_FALSE;
-    c_int_array_elements ids(env, id);
-    if (id && !ids) return JNI_FALSE;
-    int load_errno = 0;
-    const jint r = get_smart_card_id(env, status, load_errno);
-    ids.set_first(r);
-    if (r >= 0) return JNI_TRUE;
-    e.set_first(load_errno);  // the raw errno, not mapped
-    return JNI_FALSE;
+    // A failed Get throws with OutOfMemoryError pending: no further JNI call, no owner id taken.
+    return exception_frame(env, jboolean{JNI_FALSE}, [&]() -> jboolean {
+        c_int_array_elements e(env, err);
+        c_int_array_elements ids(env, id);
+        int load_errno = 0;
+        const jint r = get_smart_card_id(env, status, load_errno);
+        ids.set_first(r);
+        if (r >= 0) return JNI_TRUE;
+        e.set_first(load_errno);  // the raw errno, not mapped
+        return JNI_FALSE;
+    });
 }
 
 JNIEXPORT void JNICALL Java_kor_plox_ldm_NativeLDM_NativeSmartCancelPending(JNIEnv* env, jclass, jint owner) {
@@ -209,12 +208,16 @@ JNIEXPORT void JNICALL Java_kor_plox_ldm_NativeLDM_NativeSmartCancelPending(JNIE
 
 JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1close(JNIEnv* env, jclass cls, jintArray err,
                                                                               jint owner) {
-    c_int_array_elements e(env, err);
-    e.set_first(-1);
-    Java_kor_plox_ldm_NativeLDM_NativeSmartCancelPending(env, cls, owner);
-    const int saved = errno;
-    e.set_first(saved);
-    return JNI_TRUE;
+    // A failed Get throws with OutOfMemoryError pending before anything is closed: the owner stays
+    // open for the caller to close again.
+    return exception_frame(env, jboolean{JNI_TRUE}, [&]() -> jboolean {
+        c_int_array_elements e(env, err);
+        e.set_first(-1);
+        Java_kor_plox_ldm_NativeLDM_NativeSmartCancelPending(env, cls, owner);
+        const int saved = errno;
+        e.set_first(saved);
+        return JNI_TRUE;
+    });
 }
 
 JNIEXPORT jbyteArray JNICALL Java_kor_plox_ldm_NativeLDM_m_1native_1scard_1process(JNIEnv* env, jobject, jintArray,
