@@ -1,5 +1,7 @@
 #include "change_notification.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -13,6 +15,11 @@ namespace kor::jni {
 namespace {
 
 constexpr char k_add_watch_failed[] = "inotify_add_watch(inc_inotify_fd, strp_pathname, unp_mask) returns -1";
+
+int opened(int fd, const char* failure) {
+    if (fd == -1) throw std::runtime_error(failure);
+    return fd;
+}
 
 constexpr std::uint32_t k_names = IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_DELETE;
 
@@ -42,55 +49,66 @@ std::uint32_t watch_mask(int any_file, int filter) noexcept {
     return unp_mask;
 }
 
-c_fs_watcher::c_fs_watcher() : inrc_fd{-1, -1}, poll_fds{}, inc_inotify_fd(-1), stop_reading(true), mutex(false) {
-    if (::pipe(inrc_fd) == -1) throw std::runtime_error("pipe(inrc_fd) == -1");
-    poll_fds[0].fd = inrc_fd[0];
-    poll_fds[0].events = POLLIN;
-    poll_fds[1].events = POLLIN;
-    inc_inotify_fd = ::inotify_init();
-    if (inc_inotify_fd == -1) {
-        ::close(inrc_fd[0]);
-        ::close(inrc_fd[1]);
-        throw std::runtime_error("inotify_init() returns -1");
-    }
-    poll_fds[1].fd = inc_inotify_fd;
-}
+c_fs_watcher::c_descriptor::~c_descriptor() { ::close(fd_); }
 
-c_fs_watcher::~c_fs_watcher() {
-    ::close(inc_inotify_fd);  // also drops every watch still placed
-    ::close(inrc_fd[0]);
-    ::close(inrc_fd[1]);
-}
+// Wake-ups are a counter rather than bytes in a pipe: a pipe fills after 16,384 unread wake-ups
+// and the next FSRemoveWatch would block for ever. In semaphore mode each read takes exactly one
+// wake-up, so each still ends exactly one later read_change; non-blocking, so no call ever
+// waits on it (the counter overflows only after 2^64 - 2 unread wake-ups).
+c_fs_watcher::c_fs_watcher()
+    : inrc_fd(opened(::eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK), "eventfd(inrc_fd) == -1")),
+      inc_inotify_fd(opened(::inotify_init(), "inotify_init() returns -1")) {}
 
 int c_fs_watcher::add_watch(const char* strp_pathname, int any_file, int filter, int tag) {
     stop_reading = false;
     const std::uint32_t unp_mask = watch_mask(any_file, filter);
+    // The watch and its table entry appear to the reader as one step: a change that arrives the
+    // moment the kernel places the watch makes the reader wait here for the entry instead of
+    // finding none and dropping the change (which would also leave a stale entry). The lock is
+    // held across inotify_add_watch only; poll and read never run under it.
+    c_mutex_lock lock(mutex);
     // An unencodable path is refused here rather than handing inotify whatever prefix the
     // conversion left behind, which could name an existing directory.
-    const int wd = strp_pathname ? ::inotify_add_watch(inc_inotify_fd, strp_pathname, unp_mask) : -1;
+    const int wd = strp_pathname ? ::inotify_add_watch(inc_inotify_fd.get(), strp_pathname, unp_mask) : -1;
     if (wd == -1) throw std::runtime_error(k_add_watch_failed);
-    c_mutex_lock lock(mutex);
     watches.emplace(wd, tag);  // a repeated watch keeps its first tag
     return wd;
 }
 
 void c_fs_watcher::remove_watch(int wd, bool stop) {
     stop_reading = stop;  // before the removal, so its IN_IGNORED event is judged by this value
-    if (::inotify_rm_watch(inc_inotify_fd, wd) != -1) {
+    if (::inotify_rm_watch(inc_inotify_fd.get(), wd) != -1) {
         c_mutex_lock lock(mutex);
         watches.erase(wd);
         return;
     }
     if (stop) {
-        const int wake = 0;
-        const ssize_t written = ::write(inrc_fd[1], &wake, sizeof wake);
+        const std::uint64_t one = 1;
+        const ssize_t written = ::write(inrc_fd.get(), &one, sizeof one);
         static_cast<void>(written);
     }
 }
 
-int c_fs_watcher::read_change(std::int32_t* out) {
+// False when another thread took the wake-up first (only one may wait; this keeps a second one
+// from ending without consuming anything).
+bool c_fs_watcher::take_wake_up() noexcept {
+    std::uint64_t one;
+    return ::read(inrc_fd.get(), &one, sizeof one) == sizeof one;
+}
+
+// Called once the kernel watch is removed: moves wd's tag out of the table, false when unknown.
+bool c_fs_watcher::take_tag(int wd, std::int32_t& tag) {
+    c_mutex_lock lock(mutex);
+    const auto found = watches.find(wd);
+    if (found == watches.end()) return false;
+    tag = found->second;
+    watches.erase(found);
+    return true;
+}
+
+int c_fs_watcher::read_change(std::int32_t& tag) {
+    pollfd poll_fds[2] = {{inrc_fd.get(), POLLIN, 0}, {inc_inotify_fd.get(), POLLIN, 0}};
     for (;;) {
-        poll_fds[1].fd = inc_inotify_fd;
         poll_fds[0].revents = 0;
         poll_fds[1].revents = 0;
         if (::poll(poll_fds, 2, -1) == -1) return -1;  // EINTR too: whatever is queued stays queued
@@ -99,15 +117,13 @@ int c_fs_watcher::read_change(std::int32_t* out) {
         // inotify events stay queued in the kernel for the next call, so neither is lost and
         // no call ends without consuming something.
         if (poll_fds[0].revents == POLLIN) {
-            int wake;
-            const ssize_t got = ::read(inrc_fd[0], &wake, sizeof wake);
-            static_cast<void>(got);
-            return -2;
+            if (take_wake_up()) return -2;
+            continue;
         }
         if (poll_fds[1].revents != POLLIN) return -1;
 
         alignas(inotify_event) unsigned char buffer[1024];
-        const ssize_t n = ::read(inc_inotify_fd, buffer, sizeof buffer);
+        const ssize_t n = ::read(inc_inotify_fd.get(), buffer, sizeof buffer);
         if (n == -1) throw std::runtime_error("read(inotify_fd, buffer, sizeof(buffer)) returns -1");
         // The kernel hands out whole events only; a shorter read carries none.
         if (static_cast<std::size_t>(n) < sizeof(inotify_event)) continue;
@@ -119,14 +135,8 @@ int c_fs_watcher::read_change(std::int32_t* out) {
             continue;
         }
         // Fails for a watch already gone and for events without a watch (queue overflow, wd -1).
-        if (::inotify_rm_watch(inc_inotify_fd, event.wd) != 0) continue;
-
-        c_mutex_lock lock(mutex);
-        const auto found = watches.find(event.wd);
-        if (found == watches.end()) continue;
-        if (out) *out = found->second;
-        watches.erase(found);
-        return 1;
+        if (::inotify_rm_watch(inc_inotify_fd.get(), event.wd) != 0) continue;
+        if (take_tag(event.wd, tag)) return 1;
     }
 }
 
@@ -183,7 +193,11 @@ JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_FSReadChanges(JNIEnv* env, jc
         // Held across the wait and copied back on every way out, exceptions included.
         c_int_array_elements elements(env, tag);
         if (tag && !elements) return -1;  // OutOfMemoryError pending: do not wait, and lose no change
-        return watcher_of(handle)->read_change(elements.data());
+        std::int32_t found = 0;
+        const int result = watcher_of(handle)->read_change(found);
+        // A zero-length array has no element to receive the tag: the change is still consumed.
+        if (result == 1) elements.set_first(found);
+        return result;
     });
 }
 

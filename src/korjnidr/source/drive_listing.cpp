@@ -81,11 +81,13 @@ JNIEXPORT jobjectArray JNICALL Java_kor_plox_ldm_NativeLDM_NativeListFiles(JNIEn
             env, [] { return jobjectArray{nullptr}; },
             [&](const char* text) -> jobjectArray {
                 // The pattern is the directory followed by two characters (a separator and a
-                // wildcard) that are dropped unread; a shorter pattern names nothing.
-                const std::size_t length = std::strlen(text);
-                if (length < 2) return nullptr;
+                // wildcard) whose last two bytes are dropped unread. A pattern of fewer than two
+                // characters names nothing: counted in bytes, one multibyte character would pass
+                // and leave a relative path of its first byte. Two characters give at least two
+                // bytes.
+                if (env->GetStringLength(pattern) < 2) return nullptr;
                 c_directory_names names;
-                if (!names.read(std::string(text, length - 2).c_str())) return nullptr;
+                if (!names.read(std::string(text, std::strlen(text) - 2).c_str())) return nullptr;
                 return to_java_strings(env, names);
             },
             pattern);

@@ -40,9 +40,9 @@ mode_t writable_mode(mode_t mode) noexcept;
 
 // ---- the path gate -----------------------------------------------------------------------------
 
-// The one place where a Java path becomes a system path. A path that the process locale cannot
-// encode never reaches a system call: its conversion is undefined and a prefix of it could name
-// another file. `refuse()` gives the caller's answer instead; otherwise body(paths...) runs with
+// Where the drive calls turn a Java path into a system path (FSAddWatch converts its own). A
+// path that c_native_path refuses never reaches their system calls: its conversion is undefined
+// and a prefix of it could name another file. `refuse()` gives the caller's answer instead; otherwise body(paths...) runs with
 // every path converted, in argument order. refuse() and body must return the same type.
 template <class Refuse, class Body>
 auto with_native_paths(JNIEnv*, Refuse&&, Body&& body) {

@@ -242,7 +242,7 @@ public class NativeLDM {
     /**
      * {@code op} 1 creates a watcher and returns its handle; {@code op} 2 destroys {@code handle}
      * (0 is ignored) and returns 0; any other op returns -1. Failures throw {@link Error}
-     * ("pipe(inrc_fd) == -1", "inotify_init() returns -1") and return -1.
+     * ("eventfd(inrc_fd) == -1", "inotify_init() returns -1") and return -1.
      */
     public static native long FSInit(long handle, int op);
 
