@@ -190,9 +190,9 @@ JNIEXPORT jboolean JNICALL Java_kor_plox_ldm_NativeLDM_FSRemoveWatch(JNIEnv* env
 JNIEXPORT jint JNICALL Java_kor_plox_ldm_NativeLDM_FSReadChanges(JNIEnv* env, jclass, jlong handle,
                                                                  jintArray tag) {
     return exception_frame(env, jint{-1}, [&]() -> jint {
-        // Held across the wait and copied back on every way out, exceptions included.
+        // Held across the wait and copied back on every way out, exceptions included; a failed Get
+        // throws before the wait, so no change is lost.
         c_int_array_elements elements(env, tag);
-        if (tag && !elements) return -1;  // OutOfMemoryError pending: do not wait, and lose no change
         std::int32_t found = 0;
         const int result = watcher_of(handle)->read_change(found);
         // A zero-length array has no element to receive the tag: the change is still consumed.
