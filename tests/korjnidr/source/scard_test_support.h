@@ -1,14 +1,11 @@
 // Helpers for C++ tests of the smart card channel: a request builder, one call through the
-// dispatcher, reply readers, and the scripted PC/SC stand-in (tests/pcsc_standin) when it is built.
+// dispatcher, reply readers, and the scripted PC/SC stand-in (tests/pcsc_standin).
 #pragma once
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <initializer_list>
-#include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -71,49 +68,12 @@ inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) 
     return reply_bytes(out);
 }
 
-#ifdef KORJNIDR_STANDIN_FULL
-// The scripted PC/SC stand-in (tests/pcsc_standin), loaded by path before the card service's own
-// dlopen of "libpcsclite.so.1", which then finds this very object by its soname. It stays loaded
-// for the rest of the process.
-class standin {
-public:
-    static standin& get() {
-        static standin s;
-        return s;
-    }
-    void reset() { reset_(); }
-    void script(const std::string& line) { script_(line.c_str()); }
-    std::vector<std::string> calls() {
-        std::string all(calls_(nullptr, 0), '\0');
-        calls_(&all[0], all.size());
-        all.pop_back();
-        std::vector<std::string> out;
-        std::istringstream lines(all);
-        for (std::string l; std::getline(lines, l);) out.push_back(l);
-        return out;
-    }
-    bool wait_blocked(int n, int ms) { return wait_blocked_(n, ms) != 0; }
-
-private:
-    standin() {
-        handle_ = dlopen(KORJNIDR_STANDIN_FULL, RTLD_NOW | RTLD_GLOBAL);
-        if (!handle_) throw std::runtime_error(dlerror());
-        bind(reset_, "standin_reset");
-        bind(script_, "standin_script");
-        bind(calls_, "standin_calls");
-        bind(wait_blocked_, "standin_wait_blocked");
-    }
-    template <class Fn>
-    void bind(Fn& fn, const char* name) {
-        fn = reinterpret_cast<Fn>(dlsym(handle_, name));
-        if (!fn) throw std::runtime_error(name);
-    }
-    void* handle_;
-    void (*reset_)();
-    void (*script_)(const char*);
-    std::size_t (*calls_)(char*, std::size_t);
-    int (*wait_blocked_)(int, int);
-};
-#endif
+// The scripted PC/SC stand-in (tests/pcsc_standin), linked into the test binaries.
+extern "C" {
+void standin_reset();
+void standin_script(const char* line);
+const char* standin_calls();
+int standin_wait_blocked(int n, int ms);
+}
 
 }  // namespace scard_test
