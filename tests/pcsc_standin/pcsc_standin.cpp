@@ -1,15 +1,14 @@
 // Scripted PC/SC stand-in, built as libpcsclite.so.1: a PC/SC with contexts and no reader. It
 // defines the context calls and SCardConnect only, so the library finds every other entry missing
-// and answers 120 for it. Each call is recorded as one line ("SCardCancel ctx=0xc0000001"). Unless
-// scripted, the context calls succeed (contexts 0xc0000001, ...) and Connect answers
+// and answers 120 for it. Each call is recorded as one line ("SCardCancel ctx=0xc0000001"). The
+// context calls succeed (contexts 0xc0000001, ...) and Connect answers
 // SCARD_E_NO_READERS_AVAILABLE; nothing but a new context is written back.
 // A Java test puts its folder first on LD_LIBRARY_PATH, where the library's dlopen of
 // "libpcsclite.so.1" finds it. The C++ tests link it; the library's dlopen then finds this very
-// object by its soname. They script it through the functions below:
-//   standin_reset()            forget script and records, end blocked calls
-//   standin_script(line)       "SCardCancel rc=0x80100003" sets a result; "SCardGetStatusChange
-//                              block=1" waits for a Cancel or ReleaseContext of the context, then
-//                              answers SCARD_E_CANCELLED
+// object by its soname. They drive it through the functions below:
+//   standin_reset()            forget records and blocking, end blocked calls
+//   standin_block()            from now on GetStatusChange waits for a Cancel or ReleaseContext of
+//                              its context, then answers SCARD_E_CANCELLED
 //   standin_calls()            the records joined by '\n'; read while no PC/SC call runs
 //   standin_wait_blocked(n, ms) 1 once n GetStatusChange calls are blocked
 #include <winscard.h>
@@ -17,8 +16,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
@@ -28,7 +25,7 @@ namespace {
 struct c_state {
     std::mutex mutex;
     std::condition_variable changed;
-    std::map<std::string, std::string> script;  // function -> rest of its script line
+    bool block = false;  // GetStatusChange waits
     std::string calls;
     std::map<SCARDCONTEXT, unsigned> cancels;  // per context: Cancel and ReleaseContext calls
     unsigned resets = 0;
@@ -41,15 +38,13 @@ c_state& state() {
     return *s;
 }
 
-// Records "<function> <handle name>=<handle>" and returns the function's result: the scripted
-// rc=, else `otherwise`. Called with the state's lock held.
-LONG enter(const char* function, const char* name, unsigned long long handle, LONG otherwise) {
+// Records "<function> <handle name>=<handle>" and returns `result`. Called with the state's lock
+// held.
+LONG enter(const char* function, const char* name, unsigned long long handle, LONG result) {
     char line[128];
     std::snprintf(line, sizeof line, "%s%s %s=0x%llx", state().calls.empty() ? "" : "\n", function, name, handle);
     state().calls += line;
-    const std::string& script = state().script[function];
-    const auto rc = script.find("rc=");
-    return rc == std::string::npos ? otherwise : static_cast<LONG>(std::strtoull(&script[rc + 3], nullptr, 0));
+    return result;
 }
 
 LONG context_call(const char* function, SCARDCONTEXT context, LONG otherwise = SCARD_S_SUCCESS) {
@@ -70,7 +65,7 @@ extern "C" {
 
 void standin_reset(void) {
     std::lock_guard<std::mutex> l(state().mutex);
-    state().script.clear();
+    state().block = false;
     state().calls.clear();
     state().cancels.clear();
     state().next_context = 0xc0000001;
@@ -78,10 +73,9 @@ void standin_reset(void) {
     state().changed.notify_all();
 }
 
-void standin_script(const char* line) {
-    const char* space = std::strchr(line, ' ');
+void standin_block(void) {
     std::lock_guard<std::mutex> l(state().mutex);
-    state().script[std::string(line, space ? space : line + std::strlen(line))] = space ? space : "";
+    state().block = true;
 }
 
 const char* standin_calls(void) { return state().calls.c_str(); }
@@ -107,7 +101,7 @@ LONG SCardGetStatusChange(SCARDCONTEXT hContext, DWORD, SCARD_READERSTATE*, DWOR
     c_state& s = state();
     std::unique_lock<std::mutex> l(s.mutex);
     const LONG result = enter("SCardGetStatusChange", "ctx", hContext, SCARD_S_SUCCESS);
-    if (s.script["SCardGetStatusChange"].find("block=1") == std::string::npos) return result;
+    if (!s.block) return result;
     const unsigned cancels = s.cancels[hContext], resets = s.resets;
     ++s.blocked;
     s.changed.notify_all();

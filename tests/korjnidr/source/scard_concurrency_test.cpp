@@ -34,10 +34,10 @@ TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
         owners.emplace_back([&] {
             for (int i = 0; i < 150; ++i) {
                 const std::int32_t id = scard_get_owner_id();
-                const bytes reply = dispatch_with_use(id, 0x00090014, request().u32(2).build());
-                const bool ok = id > 0 && reply.size() == 40 && result_of(reply) == 0;
+                const bytes reply = dispatch_with_use(id, 0x00090014, request().u32s({2}).build());
+                const bool ok = id > 0 && reply.size() == 40 && u32_at(reply, 16) == 0;
                 (ok ? established : failures)++;
-                if (ok) dispatch_with_use(id, 28, request().u32s({4, 1}).handle(u32_at(reply, 32)).build());
+                if (ok) dispatch_with_use(id, 28, request().u32s({4, 1, 4, u32_at(reply, 32)}).build());
                 for (int close = 0; close < 2; ++close) scard_cancel_pending(id);  // the second finds it closed
             }
         });
@@ -64,12 +64,12 @@ TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
 TEST(scard_concurrency, closing_the_last_owner_ends_a_blocked_call_which_then_tears_down) {
     ASSERT_EQ(g_scard_service.load(), nullptr);
     standin_reset();
-    standin_script("SCardGetStatusChange block=1");
+    standin_block();
     const std::int32_t owner = scard_get_owner_id(), other = scard_get_owner_id();
-    const std::uint32_t wire = u32_at(call(20, request().u32(2).build(), owner), 32);
-    bytes reply;  // GetStatusChangeA: context, infinite time-out, no reader states
+    const std::uint32_t wire = u32_at(call(20, request().u32s({2}).build(), owner), 32);
+    bytes reply;  // GetStatusChangeA: context, infinite time-out, no reader states, the context's array
     std::thread blocked([&] {
-        reply = dispatch_with_use(owner, 160, request().u32s({4, 1, 0xFFFFFFFF, 0, 0}).handle(wire).build());
+        reply = dispatch_with_use(owner, 160, request().u32s({4, 1, 0xFFFFFFFF, 0, 0, 4, wire}).build());
     });
     ASSERT_TRUE(standin_wait_blocked(1, 10000));
     for (int i = 0; i < 3; ++i) scard_cancel_pending(other);
@@ -78,7 +78,7 @@ TEST(scard_concurrency, closing_the_last_owner_ends_a_blocked_call_which_then_te
     if (torn_down) standin_reset();  // ends the blocked call: fail rather than hang
     scard_cancel_pending(owner);  // SCardCancel wakes the blocked call; its use keeps the service
     blocked.join();
-    EXPECT_EQ(result_of(reply), 0x80100002u);  // SCARD_E_CANCELLED, as PC/SC answered
+    EXPECT_EQ(u32_at(reply, 16), 0x80100002u);  // SCARD_E_CANCELLED, as PC/SC answered
     EXPECT_EQ(g_scard_service.load(), nullptr);
     const std::string calls = standin_calls();
     EXPECT_EQ(calls.substr(calls.rfind('\n') + 1), "SCardReleaseContext ctx=0xc0000001");

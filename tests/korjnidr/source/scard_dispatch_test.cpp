@@ -114,7 +114,6 @@ struct c_case {
     std::vector<std::string> pcsc;
     c_script script;
 
-    bytes req_bytes() const { return own_header ? request : scard_test::request().raw(request).build(); }
     void run() const {
         SCOPED_TRACE("line " + std::to_string(line) + ": " + title);
         ASSERT_TRUE(no_reply || !error.empty() || !reply.empty()) << "no reply line";
@@ -124,7 +123,7 @@ struct c_case {
         std::string failure;
         const long long heap = heap_in_use();
         try {
-            got = call(code, req_bytes(), owner);
+            got = call(code, own_header ? request : scard_test::request().raw(request).build(), owner);
         } catch (const std::runtime_error& e) {
             failure = e.what();
         }

@@ -20,20 +20,15 @@ using bytes = std::vector<std::uint8_t>;
 class request {
 public:
     request() { b_ = {0x01, 0x10, 0x08, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, 0, 0, 0, 0, 0, 0, 0, 0}; }
-    request& u32(std::uint32_t v) {
-        for (int i = 0; i < 4; ++i) b_.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-        return *this;
-    }
     request& u32s(std::initializer_list<std::uint32_t> vs) {
-        for (auto v : vs) u32(v);
+        for (auto v : vs)
+            for (int i = 0; i < 4; ++i) b_.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
         return *this;
     }
     request& raw(const bytes& v) {
         b_.insert(b_.end(), v.begin(), v.end());
         return *this;
     }
-    // Deferred handle array of count 4 holding a wire id.
-    request& handle(std::uint32_t wire) { return u32(4).u32(wire); }
     bytes build() const {
         bytes out = b_;
         const auto len = static_cast<std::uint32_t>(out.size() - 16);
@@ -56,9 +51,6 @@ inline std::uint32_t u32_at(const bytes& b, std::size_t off) {
            std::uint32_t{b.at(off + 3)} << 24;
 }
 
-// Result code of a finished reply.
-inline std::uint32_t result_of(const bytes& reply) { return u32_at(reply, 16); }
-
 // Runs one call through the dispatcher with `owner` and returns the finished reply (empty for a
 // code without a handler).
 inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) {
@@ -71,7 +63,7 @@ inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) 
 // The scripted PC/SC stand-in (tests/pcsc_standin), linked into the test binaries.
 extern "C" {
 void standin_reset();
-void standin_script(const char* line);
+void standin_block();
 const char* standin_calls();
 int standin_wait_blocked(int n, int ms);
 }
