@@ -17,11 +17,7 @@ using namespace kor::jni;
 // What the dispatch methods do around scard_dispatch: take a use, run, give it back.
 bytes dispatch_with_use(std::int32_t owner, std::uint32_t code, const bytes& req) {
     c_scard_use use;
-    if (!use) return {};
-    c_ndr_reader in(req.data(), req.size());
-    c_ndr_writer out;
-    scard_dispatch(owner, code, in, out);
-    return reply_bytes(out);
+    return use ? call(code, req, owner) : bytes{};
 }
 
 TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
