@@ -1,26 +1,21 @@
 // Scripted PC/SC stand-in, built as libpcsclite.so.1: a PC/SC with contexts and no reader. It
-// defines the 17 functions the library resolves and records each call as one line ("SCardCancel
-// ctx=0xc0000001"). Unless scripted, the context calls succeed (contexts 0xc0000001, ...),
-// GetStatusChange succeeds, the listings and Connect answer SCARD_E_NO_READERS_AVAILABLE and the
-// card calls SCARD_E_INVALID_HANDLE; nothing but a new context is written back.
+// defines the context calls and SCardConnect only, so the library finds every other entry missing
+// and answers 120 for it. Each call is recorded as one line ("SCardCancel ctx=0xc0000001"). The
+// context calls succeed (contexts 0xc0000001, ...) and Connect answers
+// SCARD_E_NO_READERS_AVAILABLE; nothing but a new context is written back.
 // A Java test puts its folder first on LD_LIBRARY_PATH, where the library's dlopen of
-// "libpcsclite.so.1" finds it. A C++ test dlopens it by its path first and scripts it through the
-// functions below; the library's dlopen then finds this very object by its soname.
-//   standin_reset()            forget script and records, end blocked calls
-//   standin_script(line)       "SCardCancel rc=0x80100003" sets a result; "SCardGetStatusChange
-//                              block=1" waits for a Cancel or ReleaseContext of the context, then
-//                              answers SCARD_E_CANCELLED
-//   standin_calls(buf, n)      records joined by '\n', NUL-terminated when it fits; returns the size
-//                              needed with the NUL
+// "libpcsclite.so.1" finds it. The C++ tests link it; the library's dlopen then finds this very
+// object by its soname. They drive it through the functions below:
+//   standin_reset()            forget records and blocking, end blocked calls
+//   standin_block()            from now on GetStatusChange waits for a Cancel or ReleaseContext of
+//                              its context, then answers SCARD_E_CANCELLED
+//   standin_calls()            the records joined by '\n'; read while no PC/SC call runs
 //   standin_wait_blocked(n, ms) 1 once n GetStatusChange calls are blocked
-// STANDIN_PARTIAL leaves out SCardEstablishContext, SCardListReaders, SCardTransmit.
 #include <winscard.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
@@ -30,7 +25,7 @@ namespace {
 struct c_state {
     std::mutex mutex;
     std::condition_variable changed;
-    std::map<std::string, std::string> script;  // function -> rest of its script line
+    bool block = false;  // GetStatusChange waits
     std::string calls;
     std::map<SCARDCONTEXT, unsigned> cancels;  // per context: Cancel and ReleaseContext calls
     unsigned resets = 0;
@@ -43,25 +38,18 @@ c_state& state() {
     return *s;
 }
 
-// Records "<function> <handle name>=<handle>" and returns the function's result: the scripted
-// rc=, else `otherwise`. Called with the state's lock held.
-LONG enter(const char* function, const char* name, unsigned long long handle, LONG otherwise) {
+// Records "<function> <handle name>=<handle>" and returns `result`. Called with the state's lock
+// held.
+LONG enter(const char* function, const char* name, unsigned long long handle, LONG result) {
     char line[128];
     std::snprintf(line, sizeof line, "%s%s %s=0x%llx", state().calls.empty() ? "" : "\n", function, name, handle);
     state().calls += line;
-    const std::string& script = state().script[function];
-    const auto rc = script.find("rc=");
-    return rc == std::string::npos ? otherwise : static_cast<LONG>(std::strtoull(&script[rc + 3], nullptr, 0));
+    return result;
 }
 
-LONG card_call(const char* function, SCARDHANDLE card) {
+LONG context_call(const char* function, SCARDCONTEXT context, LONG otherwise = SCARD_S_SUCCESS) {
     std::lock_guard<std::mutex> l(state().mutex);
-    return enter(function, "card", card, SCARD_E_INVALID_HANDLE);
-}
-
-LONG no_reader(const char* function, SCARDCONTEXT context) {
-    std::lock_guard<std::mutex> l(state().mutex);
-    return enter(function, "ctx", context, SCARD_E_NO_READERS_AVAILABLE);
+    return enter(function, "ctx", context, otherwise);
 }
 
 LONG ending_call(const char* function, SCARDCONTEXT context) {
@@ -77,7 +65,7 @@ extern "C" {
 
 void standin_reset(void) {
     std::lock_guard<std::mutex> l(state().mutex);
-    state().script.clear();
+    state().block = false;
     state().calls.clear();
     state().cancels.clear();
     state().next_context = 0xc0000001;
@@ -85,51 +73,35 @@ void standin_reset(void) {
     state().changed.notify_all();
 }
 
-void standin_script(const char* line) {
-    const char* space = std::strchr(line, ' ');
+void standin_block(void) {
     std::lock_guard<std::mutex> l(state().mutex);
-    state().script[std::string(line, space ? space : line + std::strlen(line))] = space ? space : "";
+    state().block = true;
 }
 
-size_t standin_calls(char* buffer, size_t capacity) {
-    std::lock_guard<std::mutex> l(state().mutex);
-    const std::string& all = state().calls;
-    if (buffer && capacity > all.size()) std::memcpy(buffer, all.c_str(), all.size() + 1);
-    return all.size() + 1;
-}
+const char* standin_calls(void) { return state().calls.c_str(); }
 
 int standin_wait_blocked(int n, int ms) {
     std::unique_lock<std::mutex> l(state().mutex);
     return state().changed.wait_for(l, std::chrono::milliseconds(ms), [&] { return state().blocked >= n; });
 }
 
-#ifndef STANDIN_PARTIAL
 LONG SCardEstablishContext(DWORD dwScope, LPCVOID, LPCVOID, LPSCARDCONTEXT phContext) {
     std::lock_guard<std::mutex> l(state().mutex);
     *phContext = state().next_context++;
     return enter("SCardEstablishContext", "scope", dwScope, SCARD_S_SUCCESS);
 }
-LONG SCardListReaders(SCARDCONTEXT hContext, LPCSTR, LPSTR, LPDWORD) {
-    return no_reader("SCardListReaders", hContext);
-}
-LONG SCardTransmit(SCARDHANDLE hCard, const SCARD_IO_REQUEST*, LPCBYTE, DWORD, SCARD_IO_REQUEST*, LPBYTE, LPDWORD) {
-    return card_call("SCardTransmit", hCard);
-}
-#endif
-
 LONG SCardReleaseContext(SCARDCONTEXT hContext) { return ending_call("SCardReleaseContext", hContext); }
 LONG SCardCancel(SCARDCONTEXT hContext) { return ending_call("SCardCancel", hContext); }
-LONG SCardIsValidContext(SCARDCONTEXT hContext) {
-    std::lock_guard<std::mutex> l(state().mutex);
-    return enter("SCardIsValidContext", "ctx", hContext, SCARD_S_SUCCESS);
+LONG SCardIsValidContext(SCARDCONTEXT hContext) { return context_call("SCardIsValidContext", hContext); }
+LONG SCardConnect(SCARDCONTEXT hContext, LPCSTR, DWORD, DWORD, LPSCARDHANDLE, LPDWORD) {
+    return context_call("SCardConnect", hContext, SCARD_E_NO_READERS_AVAILABLE);
 }
-LONG SCardFreeMemory(SCARDCONTEXT, LPCVOID) { return SCARD_S_SUCCESS; }
 
 LONG SCardGetStatusChange(SCARDCONTEXT hContext, DWORD, SCARD_READERSTATE*, DWORD) {
     c_state& s = state();
     std::unique_lock<std::mutex> l(s.mutex);
     const LONG result = enter("SCardGetStatusChange", "ctx", hContext, SCARD_S_SUCCESS);
-    if (s.script["SCardGetStatusChange"].find("block=1") == std::string::npos) return result;
+    if (!s.block) return result;
     const unsigned cancels = s.cancels[hContext], resets = s.resets;
     ++s.blocked;
     s.changed.notify_all();
@@ -138,24 +110,5 @@ LONG SCardGetStatusChange(SCARDCONTEXT hContext, DWORD, SCARD_READERSTATE*, DWOR
     --s.blocked;
     return ended ? SCARD_E_CANCELLED : SCARD_E_TIMEOUT;
 }
-
-LONG SCardListReaderGroups(SCARDCONTEXT hContext, LPSTR, LPDWORD) {
-    return no_reader("SCardListReaderGroups", hContext);
-}
-LONG SCardConnect(SCARDCONTEXT hContext, LPCSTR, DWORD, DWORD, LPSCARDHANDLE, LPDWORD) {
-    return no_reader("SCardConnect", hContext);
-}
-LONG SCardReconnect(SCARDHANDLE hCard, DWORD, DWORD, DWORD, LPDWORD) { return card_call("SCardReconnect", hCard); }
-LONG SCardDisconnect(SCARDHANDLE hCard, DWORD) { return card_call("SCardDisconnect", hCard); }
-LONG SCardBeginTransaction(SCARDHANDLE hCard) { return card_call("SCardBeginTransaction", hCard); }
-LONG SCardEndTransaction(SCARDHANDLE hCard, DWORD) { return card_call("SCardEndTransaction", hCard); }
-LONG SCardStatus(SCARDHANDLE hCard, LPSTR, LPDWORD, LPDWORD, LPDWORD, LPBYTE, LPDWORD) {
-    return card_call("SCardStatus", hCard);
-}
-LONG SCardControl(SCARDHANDLE hCard, DWORD, LPCVOID, DWORD, LPVOID, DWORD, LPDWORD) {
-    return card_call("SCardControl", hCard);
-}
-LONG SCardGetAttrib(SCARDHANDLE hCard, DWORD, LPBYTE, LPDWORD) { return card_call("SCardGetAttrib", hCard); }
-LONG SCardSetAttrib(SCARDHANDLE hCard, DWORD, LPCBYTE, DWORD) { return card_call("SCardSetAttrib", hCard); }
 
 }  // extern "C"

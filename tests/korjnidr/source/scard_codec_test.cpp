@@ -1,5 +1,5 @@
-// The NDR reader's bounds and the writer's framing, and the conversions between PC/SC's 8-bit text
-// and 16-bit units; the handlers' replies are checked byte for byte by the data cases.
+// The NDR reader's bounds and the writer's framing; the handlers' replies, text conversions
+// included, are checked byte for byte by the data cases.
 #include <string>
 
 #include "scard_test_support.h"
@@ -62,53 +62,25 @@ TEST(NdrReader, EveryReadChecksWhatRemains) {
 }
 
 // Bodies within the inline segment and across heap segments keep their order and get their pad;
-// the copy never writes past its target.
+// the copy never writes past its target. (The header of small replies is checked by the data cases.)
 TEST(NdrWriter, FramesPadsAndCopiesWithinBounds) {
     for (const std::size_t body : {0, 13, 5000, 9000}) {
         c_ndr_writer w;
         bytes content(body);
         for (std::size_t i = 0; i < body; ++i) content[i] = static_cast<std::uint8_t>(i * 7);
         for (std::size_t i = 0; i < body; i += 7) w.write_bytes(content.data() + i, std::min<std::size_t>(7, body - i));
+        w.pad_to_4();
+        ASSERT_EQ(w.size(), (body + 3) / 4 * 4) << body;
         w.finish(0x80100008u);
         const bytes reply = scard_test::reply_bytes(w);
         const std::size_t object_length = (4 + body + 7) / 8 * 8;
         ASSERT_EQ(reply.size(), 16 + object_length) << body;
-        EXPECT_EQ(bytes(reply.begin(), reply.begin() + 8), (bytes{1, 0x10, 8, 0, 0xCC, 0xCC, 0xCC, 0xCC}));
         EXPECT_EQ(scard_test::u32_at(reply, 8), object_length);
-        EXPECT_EQ(scard_test::u32_at(reply, 12), 0u);
-        EXPECT_EQ(scard_test::result_of(reply), 0x80100008u);
         for (std::size_t i = 0; i < body; ++i) ASSERT_EQ(reply[20 + i], static_cast<std::uint8_t>(i * 7)) << i;
         for (std::size_t i = 20 + body; i < reply.size(); ++i) EXPECT_EQ(reply[i], 0) << "pad byte " << i;
         bytes short_target(reply.size() - 1);
         EXPECT_THROW(w.copy_to(short_target.data(), short_target.size()), std::runtime_error);
     }
-    c_ndr_writer w;
-    w.write_zeros(13);
-    w.pad_to_4();
-    EXPECT_EQ(w.size(), 16u);
-    w.pad_to_4();
-    EXPECT_EQ(w.size(), 16u);
-}
-
-// Widening in place, and text that does not end in a double NUL within its n bytes.
-TEST(ScardText, WidenEndsMalformedTextAndWorksInPlace) {
-    using units = std::vector<std::uint16_t>;
-    const std::pair<std::string, units> cases[] = {
-        {std::string("AB\0C", 4), {0x41, 0x42, 0, 0, 0xEEEE}},  // ended so both terminators fit
-        {"ABCD", {0x41, 0x42, 0, 0, 0xEEEE}},
-        {std::string("A\0\0xyz", 6), {0x41, 0, 0, 0, 0, 0, 0xEEEE}},  // zeros after, not what the buffer held
-        {std::string("\xC3\x7F\0\0", 4), {0xFFC3, 0x7F, 0, 0, 0xEEEE}},  // sign-extended
-    };
-    for (const auto& [src, expected] : cases) {
-        const auto n = static_cast<std::uint32_t>(src.size());
-        units in_place(n + 1, 0xEEEE);  // a sentinel after the n units
-        std::memcpy(in_place.data(), src.data(), n);
-        widen_multistring(in_place.data(), reinterpret_cast<const char*>(in_place.data()), n);
-        EXPECT_EQ(in_place, expected) << src;
-    }
-    units narrowed = {0x0141, 0xFF42, 0x0031, 0, 0x0099};
-    narrow_string(reinterpret_cast<char*>(narrowed.data()), narrowed.data());
-    EXPECT_STREQ(reinterpret_cast<const char*>(narrowed.data()), "AB1");
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <map>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -17,16 +17,12 @@ using namespace kor::jni;
 // What the dispatch methods do around scard_dispatch: take a use, run, give it back.
 bytes dispatch_with_use(std::int32_t owner, std::uint32_t code, const bytes& req) {
     c_scard_use use;
-    if (!use) return {};
-    c_ndr_reader in(req.data(), req.size());
-    c_ndr_writer out;
-    scard_dispatch(owner, code, in, out);
-    return reply_bytes(out);
+    return use ? call(code, req, owner) : bytes{};
 }
 
 TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
     ASSERT_EQ(g_scard_service.load(), nullptr);
-    standin::get().reset();
+    standin_reset();
     std::atomic<int> established{0}, failures{0};
     std::atomic<bool> stop{false};
     std::vector<std::thread> owners;
@@ -34,10 +30,10 @@ TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
         owners.emplace_back([&] {
             for (int i = 0; i < 150; ++i) {
                 const std::int32_t id = scard_get_owner_id();
-                const bytes reply = dispatch_with_use(id, 0x00090014, request().u32(2).build());
-                const bool ok = id > 0 && reply.size() == 40 && result_of(reply) == 0;
+                const bytes reply = dispatch_with_use(id, 0x00090014, request().u32s({2}).build());
+                const bool ok = id > 0 && reply.size() == 40 && u32_at(reply, 16) == 0;
                 (ok ? established : failures)++;
-                if (ok) dispatch_with_use(id, 28, request().u32s({4, 1}).handle(u32_at(reply, 32)).build());
+                if (ok) dispatch_with_use(id, 28, request().u32s({4, 1, 4, u32_at(reply, 32)}).build());
                 for (int close = 0; close < 2; ++close) scard_cancel_pending(id);  // the second finds it closed
             }
         });
@@ -52,33 +48,36 @@ TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(g_scard_service.load(), nullptr);
     // Every owner's close cancelled and released its context, exactly once.
-    std::map<std::string, int> counts;
-    for (const auto& c : standin::get().calls()) ++counts[c.substr(0, c.find(' '))];
-    for (const char* f : {"SCardEstablishContext", "SCardCancel", "SCardReleaseContext"})
-        EXPECT_EQ(counts[f], established.load()) << f;
+    const std::string calls = standin_calls();
+    for (const char* f : {"SCardEstablishContext ", "SCardCancel ", "SCardReleaseContext "}) {
+        int n = 0;
+        for (auto at = calls.find(f); at != std::string::npos; at = calls.find(f, at + 1)) ++n;
+        EXPECT_EQ(n, established.load()) << f;
+    }
 }
 
 // Closing `other` thrice gives back its use once: the blocked call keeps its service.
 TEST(scard_concurrency, closing_the_last_owner_ends_a_blocked_call_which_then_tears_down) {
     ASSERT_EQ(g_scard_service.load(), nullptr);
-    standin::get().reset();
-    standin::get().script("SCardGetStatusChange block=1");
+    standin_reset();
+    standin_block();
     const std::int32_t owner = scard_get_owner_id(), other = scard_get_owner_id();
-    const std::uint32_t wire = u32_at(call(20, request().u32(2).build(), owner), 32);
-    bytes reply;  // GetStatusChangeA: context, infinite time-out, no reader states
+    const std::uint32_t wire = u32_at(call(20, request().u32s({2}).build(), owner), 32);
+    bytes reply;  // GetStatusChangeA: context, infinite time-out, no reader states, the context's array
     std::thread blocked([&] {
-        reply = dispatch_with_use(owner, 160, request().u32s({4, 1, 0xFFFFFFFF, 0, 0}).handle(wire).build());
+        reply = dispatch_with_use(owner, 160, request().u32s({4, 1, 0xFFFFFFFF, 0, 0, 4, wire}).build());
     });
-    ASSERT_TRUE(standin::get().wait_blocked(1, 10000));
+    ASSERT_TRUE(standin_wait_blocked(1, 10000));
     for (int i = 0; i < 3; ++i) scard_cancel_pending(other);
     const bool torn_down = g_scard_service.load() == nullptr;
     EXPECT_FALSE(torn_down) << "the service went while a call was inside PC/SC";
-    if (torn_down) standin::get().reset();  // ends the blocked call: fail rather than hang
+    if (torn_down) standin_reset();  // ends the blocked call: fail rather than hang
     scard_cancel_pending(owner);  // SCardCancel wakes the blocked call; its use keeps the service
     blocked.join();
-    EXPECT_EQ(result_of(reply), 0x80100002u);  // SCARD_E_CANCELLED, as PC/SC answered
+    EXPECT_EQ(u32_at(reply, 16), 0x80100002u);  // SCARD_E_CANCELLED, as PC/SC answered
     EXPECT_EQ(g_scard_service.load(), nullptr);
-    EXPECT_EQ(standin::get().calls().back(), "SCardReleaseContext ctx=0xc0000001");
+    const std::string calls = standin_calls();
+    EXPECT_EQ(calls.substr(calls.rfind('\n') + 1), "SCardReleaseContext ctx=0xc0000001");
 }
 
 }  // namespace

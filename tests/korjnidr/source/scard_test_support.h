@@ -1,14 +1,11 @@
 // Helpers for C++ tests of the smart card channel: a request builder, one call through the
-// dispatcher, reply readers, and the scripted PC/SC stand-in (tests/pcsc_standin) when it is built.
+// dispatcher, reply readers, and the scripted PC/SC stand-in (tests/pcsc_standin).
 #pragma once
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <initializer_list>
-#include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -23,20 +20,15 @@ using bytes = std::vector<std::uint8_t>;
 class request {
 public:
     request() { b_ = {0x01, 0x10, 0x08, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, 0, 0, 0, 0, 0, 0, 0, 0}; }
-    request& u32(std::uint32_t v) {
-        for (int i = 0; i < 4; ++i) b_.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-        return *this;
-    }
     request& u32s(std::initializer_list<std::uint32_t> vs) {
-        for (auto v : vs) u32(v);
+        for (auto v : vs)
+            for (int i = 0; i < 4; ++i) b_.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
         return *this;
     }
     request& raw(const bytes& v) {
         b_.insert(b_.end(), v.begin(), v.end());
         return *this;
     }
-    // Deferred handle array of count 4 holding a wire id.
-    request& handle(std::uint32_t wire) { return u32(4).u32(wire); }
     bytes build() const {
         bytes out = b_;
         const auto len = static_cast<std::uint32_t>(out.size() - 16);
@@ -59,9 +51,6 @@ inline std::uint32_t u32_at(const bytes& b, std::size_t off) {
            std::uint32_t{b.at(off + 3)} << 24;
 }
 
-// Result code of a finished reply.
-inline std::uint32_t result_of(const bytes& reply) { return u32_at(reply, 16); }
-
 // Runs one call through the dispatcher with `owner` and returns the finished reply (empty for a
 // code without a handler).
 inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) {
@@ -71,49 +60,12 @@ inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) 
     return reply_bytes(out);
 }
 
-#ifdef KORJNIDR_STANDIN_FULL
-// The scripted PC/SC stand-in (tests/pcsc_standin), loaded by path before the card service's own
-// dlopen of "libpcsclite.so.1", which then finds this very object by its soname. It stays loaded
-// for the rest of the process.
-class standin {
-public:
-    static standin& get() {
-        static standin s;
-        return s;
-    }
-    void reset() { reset_(); }
-    void script(const std::string& line) { script_(line.c_str()); }
-    std::vector<std::string> calls() {
-        std::string all(calls_(nullptr, 0), '\0');
-        calls_(&all[0], all.size());
-        all.pop_back();
-        std::vector<std::string> out;
-        std::istringstream lines(all);
-        for (std::string l; std::getline(lines, l);) out.push_back(l);
-        return out;
-    }
-    bool wait_blocked(int n, int ms) { return wait_blocked_(n, ms) != 0; }
-
-private:
-    standin() {
-        handle_ = dlopen(KORJNIDR_STANDIN_FULL, RTLD_NOW | RTLD_GLOBAL);
-        if (!handle_) throw std::runtime_error(dlerror());
-        bind(reset_, "standin_reset");
-        bind(script_, "standin_script");
-        bind(calls_, "standin_calls");
-        bind(wait_blocked_, "standin_wait_blocked");
-    }
-    template <class Fn>
-    void bind(Fn& fn, const char* name) {
-        fn = reinterpret_cast<Fn>(dlsym(handle_, name));
-        if (!fn) throw std::runtime_error(name);
-    }
-    void* handle_;
-    void (*reset_)();
-    void (*script_)(const char*);
-    std::size_t (*calls_)(char*, std::size_t);
-    int (*wait_blocked_)(int, int);
-};
-#endif
+// The scripted PC/SC stand-in (tests/pcsc_standin), linked into the test binaries.
+extern "C" {
+void standin_reset();
+void standin_block();
+const char* standin_calls();
+int standin_wait_blocked(int n, int ms);
+}
 
 }  // namespace scard_test
