@@ -16,13 +16,12 @@ using namespace kor::jni;
 TEST(PureFunctions, AnswerAsTheTableSays) {
     using c_args = std::vector<std::int64_t>;
     const std::map<std::string, std::int64_t (*)(const c_args&)> functions = {
-        {"map_errno", [](const c_args& a) -> std::int64_t { return map_errno(int(a.at(0))); }},
-        {"open_flags", [](const c_args& a) -> std::int64_t { return translate_open_flags(int(a.at(0))); }},
+        {"map_errno", [](const c_args& a) -> std::int64_t { return map_errno(a.at(0)); }},
+        {"open_flags", [](const c_args& a) -> std::int64_t { return translate_open_flags(a.at(0)); }},
         {"file_time", [](const c_args& a) -> std::int64_t { return unix_to_file_time(a.at(0), a.at(1)); }},
         {"unix_seconds", [](const c_args& a) -> std::int64_t { return file_time_to_unix_seconds(a.at(0)); }},
-        {"byte_range",
-         [](const c_args& a) -> std::int64_t { return byte_range_ok(int(a.at(0)), int(a.at(1)), int(a.at(2))); }},
-        {"watch_mask", [](const c_args& a) -> std::int64_t { return watch_mask(int(a.at(0)), int(a.at(1))); }},
+        {"byte_range", [](const c_args& a) -> std::int64_t { return byte_range_ok(a.at(0), a.at(1), a.at(2)); }},
+        {"watch_mask", [](const c_args& a) -> std::int64_t { return watch_mask(a.at(0), a.at(1)); }},
     };
     std::ifstream in(KORJNIDR_TEST_DATA "/drive/functions.cases");
     int rows = 0;

@@ -10,9 +10,8 @@ using namespace kor::jni;
 // many threads).
 TEST(LockedCounter, ReturnsTheValueItMade) {
     c_locked_counter counter;
-    EXPECT_EQ(counter.decrement(), -1);
-    EXPECT_EQ(counter.increment(), 0);
     EXPECT_EQ(counter.increment(), 1);
+    EXPECT_EQ(counter.increment(), 2);
 }
 
 TEST(MutexLock, UnlocksDuringUnwinding) {

@@ -50,9 +50,7 @@ class ChangeNotificationTest {
     @Test
     void refusedWatchesThrowError() {
         // No locale encodes a lone surrogate; the prefix names an existing folder.
-        for (String path : new String[] {root + "/missing", root + "\uD800"}) {
-            Error e = assertThrows(Error.class, () -> NativeLDM.FSAddWatch(watcher, path, 0, 0x001, 7));
-            assertEquals("inotify_add_watch(inc_inotify_fd, strp_pathname, unp_mask) returns -1", e.getMessage());
-        }
+        Error e = assertThrows(Error.class, () -> NativeLDM.FSAddWatch(watcher, root + "\uD800", 0, 0x001, 7));
+        assertEquals("inotify_add_watch(inc_inotify_fd, strp_pathname, unp_mask) returns -1", e.getMessage());
     }
 }
