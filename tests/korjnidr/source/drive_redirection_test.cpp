@@ -1,25 +1,40 @@
 #include "drive_redirection.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "change_notification.h"
 
 using namespace kor::jni;
 
-TEST(DriveOpenFlags, EachJavaBitAndNothingElse) {
-    struct { std::int32_t java; int linux_flags; } const cases[] = {
-        {0, O_RDONLY}, {1, O_WRONLY}, {2, O_RDWR}, {3, 3}, {0x4, O_NONBLOCK}, {0x80, O_SYNC},
-        {0x201, O_WRONLY | O_TRUNC}, {0x402, O_RDWR | O_EXCL},
-        {0x8 | 0x10 | 0x20 | 0x40 | 0x100 | 0x800, 0},  // nothing creates or appends
-        {-1, 3 | O_NONBLOCK | O_SYNC | O_TRUNC | O_EXCL},
+// The rows of tests/data/drive/functions.cases; arguments are taken in the order written.
+TEST(PureFunctions, AnswerAsTheTableSays) {
+    using c_args = std::vector<std::int64_t>;
+    const std::map<std::string, std::int64_t (*)(const c_args&)> functions = {
+        {"map_errno", [](const c_args& a) -> std::int64_t { return map_errno(a.at(0)); }},
+        {"open_flags", [](const c_args& a) -> std::int64_t { return translate_open_flags(a.at(0)); }},
+        {"file_time", [](const c_args& a) -> std::int64_t { return unix_to_file_time(a.at(0), a.at(1)); }},
+        {"unix_seconds", [](const c_args& a) -> std::int64_t { return file_time_to_unix_seconds(a.at(0)); }},
+        {"byte_range", [](const c_args& a) -> std::int64_t { return byte_range_ok(a.at(0), a.at(1), a.at(2)); }},
+        {"watch_mask", [](const c_args& a) -> std::int64_t { return watch_mask(a.at(0), a.at(1)); }},
     };
-    for (const auto& c : cases) EXPECT_EQ(translate_open_flags(c.java), c.linux_flags) << std::hex << c.java;
-}
-
-TEST(DriveFileTime, TruncatesAndSaturates) {
-    EXPECT_EQ(unix_to_file_time(1, 500000099), 116444736015000000);
-    EXPECT_EQ(unix_to_file_time(-11644473600, 0), 0);                  // 1601-01-01
-    EXPECT_EQ(unix_to_file_time(9000000000000, 0), INT64_MAX);         // far future kept by tmpfs
-    EXPECT_EQ(unix_to_file_time(-9000000000000, 0), INT64_MIN);
-    EXPECT_EQ(file_time_to_unix_seconds(116444736000000000), 0);
-    EXPECT_EQ(file_time_to_unix_seconds(116444735985000000), -2);     // 1601-based ticks truncate first
+    std::ifstream in(KORJNIDR_TEST_DATA "/drive/functions.cases");
+    int rows = 0;
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream fields(line);
+        std::string function, field;
+        if (!(fields >> function) || function[0] == '#') continue;
+        c_args args;
+        while (fields >> field && field != "->")
+            args.push_back(std::stoll(field.substr(field.find('=') + 1), nullptr, 0));
+        fields >> field;
+        EXPECT_EQ(functions.at(function)(args), std::stoll(field, nullptr, 0)) << line;
+        ++rows;
+    }
+    EXPECT_EQ(rows, 48) << "rows read";
 }

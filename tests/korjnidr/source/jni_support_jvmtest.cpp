@@ -1,8 +1,11 @@
 // What crosses into and out of a real JVM (started under -Xcheck:jni): text conversion in both
-// directions, and the exception frame's translation of native failures into Java exceptions.
+// directions, the exception frame's translation of native failures into Java exceptions, and a
+// listing pattern that only characters, not bytes, can judge.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <clocale>
+#include <filesystem>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -12,6 +15,7 @@
 #include "kor_plox_ldm_NativeLDM.h"
 
 using namespace kor::jni;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -26,29 +30,21 @@ std::u16string java_chars(jstring s) {
 }
 
 // The pending exception as Java prints it ("java.lang.Error: provide"), cleared; "none" if none.
-std::string take_exception() {
+std::u16string take_exception() {
     JNIEnv* env = test_env();
-    jthrowable e = env->ExceptionOccurred();
-    if (!e) return "none";
+    const jthrowable e = env->ExceptionOccurred();
+    if (!e) return u"none";
     env->ExceptionClear();
-    jmethodID to_string = env->GetMethodID(env->FindClass("java/lang/Object"), "toString", "()Ljava/lang/String;");
-    jstring s = static_cast<jstring>(env->CallObjectMethod(e, to_string));
-    if (env->ExceptionCheck()) return "toString threw";
-    const char* chars = env->GetStringUTFChars(s, nullptr);
-    std::string out(chars);
-    env->ReleaseStringUTFChars(s, chars);
-    return out;
+    const jclass object = env->FindClass("java/lang/Object");
+    const jmethodID to_string = env->GetMethodID(object, "toString", "()Ljava/lang/String;");
+    const auto text = static_cast<jstring>(env->CallObjectMethod(e, to_string));
+    return env->ExceptionCheck() ? u"toString threw" : java_chars(text);
 }
 
 }  // namespace
 
 TEST(NativePath, EncodesInTheLocaleAndRefusesWhatWouldNameAnotherFile) {
-    const struct {
-        const char* locale;
-        std::u16string java;
-        bool ok;
-        std::string native;
-    } cases[] = {
+    struct { const char* locale; std::u16string java; bool ok; std::string native; } const cases[] = {
         {"C.UTF-8", u"", true, ""},
         {"C.UTF-8", u"a\u00e9", true, "a\xC3\xA9"},
         {"C.UTF-8", u"\U0001F600", false, ""},                   // each surrogate half alone: not encodable
@@ -62,20 +58,14 @@ TEST(NativePath, EncodesInTheLocaleAndRefusesWhatWouldNameAnotherFile) {
         ASSERT_NE(std::setlocale(LC_ALL, c.locale), nullptr) << c.locale;
         c_native_path p(test_env(), make(c.java));
         EXPECT_EQ(p.ok, c.ok) << c.locale << " " << c.native;
-        if (c.ok) {
-            EXPECT_EQ(p.c_str(), c.native);
-        }
+        EXPECT_EQ(p.ok ? p.c_str() : "", c.native);
     }
     EXPECT_FALSE(c_native_path(test_env(), nullptr).ok);
 }
 
 TEST(JavaString, FromMultibyte) {
     ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
-    const struct {
-        std::string native;
-        bool ok;
-        std::u16string java;
-    } cases[] = {
+    struct { std::string native; bool ok; std::u16string java; } const cases[] = {
         {"abc", true, u"abc"},
         {"\xC3\xA9", true, u"\u00e9"},
         {"\xF0\x9F\x98\x80", true, std::u16string(1, char16_t(0xF600))},  // beyond the BMP: low 16 bits
@@ -92,42 +82,40 @@ TEST(JavaString, FromMultibyte) {
 
 TEST(ExceptionFrame, NativeFailuresBecomeJavaExceptions) {
     struct foreign {};
-    const struct {
-        void (*raise)();
-        const char* java;
-    } cases[] = {
-        {[] { throw c_jniexception("get_array_length"); }, "java.lang.Error: get_array_length"},
-        {[] { throw std::bad_alloc(); }, "java.lang.OutOfMemoryError: thrown from native code"},
-        {[] { throw std::runtime_error("provide"); }, "java.lang.Error: provide"},
-        {[] { throw foreign{}; }, "java.lang.Error"},  // no message
-        {[] { throw 42; }, "java.lang.Error"},
+    struct { void (*raise)(); std::u16string java; } const cases[] = {
+        {[] { throw c_jniexception("get_array_length"); }, u"java.lang.Error: get_array_length"},
+        {[] { throw std::bad_alloc(); }, u"java.lang.OutOfMemoryError: thrown from native code"},
+        {[] { throw std::runtime_error("provide"); }, u"java.lang.Error: provide"},
+        {[] { throw foreign{}; }, u"java.lang.Error"},  // no message
+        {[] { throw 42; }, u"java.lang.Error"},
+        {[] {  // a failed JNI call keeps the Java exception it left
+             test_env()->ThrowNew(test_env()->FindClass("java/lang/IllegalStateException"), "left by the VM");
+             throw c_jniexception("get_array_length");
+         },
+         u"java.lang.IllegalStateException: left by the VM"},
     };
     for (const auto& c : cases) {
+        test_env()->PushLocalFrame(8);  // the thread never returns to Java to free its references
         EXPECT_EQ(exception_frame(test_env(), -7, [&] { return c.raise(), 5; }), -7);
         EXPECT_EQ(take_exception(), c.java);
+        test_env()->PopLocalFrame(nullptr);
     }
     EXPECT_EQ(exception_frame(test_env(), -7, [] { return 5; }), 5);
-    EXPECT_EQ(take_exception(), "none");
+    EXPECT_EQ(take_exception(), u"none");
 }
 
-TEST(ExceptionFrame, AFailedJniCallKeepsTheJavaExceptionItLeft) {
+// In a UTF-8 locale "€" is the three bytes E2 82 AC: counted in bytes, the pattern would pass
+// and list the directory named by its first byte, relative to the working directory.
+TEST(ListFiles, OneCharacterPatternNamesNothing) {
+    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
+    const fs::path here = fs::current_path();
+    const fs::path scratch = fs::temp_directory_path() / ("korjnidr_list_" + std::to_string(::getpid()));
+    fs::create_directories(scratch / "\xE2");
+    fs::current_path(scratch);
+    const jchar euro = 0x20AC;
     JNIEnv* env = test_env();
-    exception_frame(env, 0, [env]() -> int {
-        env->ThrowNew(env->FindClass("java/lang/IllegalStateException"), "left by the VM");
-        throw c_jniexception("get_array_length");
-    });
-    EXPECT_EQ(take_exception(), "java.lang.IllegalStateException: left by the VM");
-}
-
-TEST(Initialize, ReportsLevel12AndLeavesTheErrorArray) {
-    JNIEnv* env = test_env();
-    jintArray err = env->NewIntArray(1), level = env->NewIntArray(1);
-    const jint earlier = 99;
-    env->SetIntArrayRegion(err, 0, 1, &earlier);
-    EXPECT_EQ(Java_kor_plox_ldm_NativeLDM_m_1native_1initialize(env, nullptr, err, level), JNI_TRUE);
-    jint level_value = 0, err_value = 0;
-    env->GetIntArrayRegion(level, 0, 1, &level_value);
-    env->GetIntArrayRegion(err, 0, 1, &err_value);
-    EXPECT_EQ(level_value, 12);
-    EXPECT_EQ(err_value, 99);
+    const jobjectArray names = Java_kor_plox_ldm_NativeLDM_NativeListFiles(env, nullptr, env->NewString(&euro, 1));
+    fs::current_path(here);
+    fs::remove_all(scratch);
+    EXPECT_EQ(names, nullptr);
 }

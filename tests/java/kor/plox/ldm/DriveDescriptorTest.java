@@ -92,13 +92,11 @@ class DriveDescriptorTest {
         open(Files.writeString(dir.resolve("f"), "0123456789"), 2);
         long[] pos = {-1};
         assertEquals(0, NativeLDM.m_native_unix_lseek(err, fd, 0, 2, pos));
-        fail(EINVAL, () -> NativeLDM.m_native_unix_lseek(err, fd, 0, 9, pos));
-        assertEquals(10, pos[0], "the size, not written again on failure");
+        assertEquals(10, pos[0], "the end of the file");
         byte[] buf = {1, 2, 3, 4};
         fail(EFAULT, () -> NativeLDM.m_native_unix_read(err, fd, buf, 5, done),
                 () -> NativeLDM.m_native_unix_write(err, fd, null, 0, done));
-        for (int[] startCount : new int[][] {{2, 3}, {-1, 1}, {1, -1}, {1, Integer.MAX_VALUE}, {5, 0}})
-            fail(EFAULT, () -> NativeLDM.m_native_unix_pwrite(err, fd, buf, startCount[0], startCount[1], 0, done));
+        fail(EFAULT, () -> NativeLDM.m_native_unix_pwrite(err, fd, buf, 2, 3, 0, done)); // bounds: functions.cases
         assertEquals(0, NativeLDM.m_native_unix_ftruncate(err, fd, 2));
         assertEquals(0, NativeLDM.m_native_unix_pwrite(err, fd, buf, 3, 1, 1, done), "last element is inside");
         assertEquals("0\u0004", Files.readString(dir.resolve("f")), "truncated to 2, then element 3 written at 1");

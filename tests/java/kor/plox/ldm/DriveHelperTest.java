@@ -9,7 +9,7 @@ import java.util.*;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
-/** The file helpers (attributes, times, disk space, move, end of file), the listing and the version check. */
+/** The file helpers (attributes, times, disk space, move, end of file), the listing, the version check and initialize. */
 class DriveHelperTest {
     static final long EPOCH = 116444736000000000L; // 1970-01-01 as a file time
     static final String BAD = "\uD800"; // no locale encodes a lone surrogate
@@ -72,16 +72,14 @@ class DriveHelperTest {
         long[] free = {-1}, total = {-1};
         assertTrue(NativeLDM.NativeGetDiskFreeSpace(dir.toString(), sectors, bytesPerSector, free, total));
         assertEquals(1, bytesPerSector[0]);
-        assertTrue(free[0] >= dir.toFile().getUsableSpace() / sectors[0], "f_bfree counts the superuser's blocks");
-        assertTrue(free[0] <= total[0]);
+        assertEquals(Files.getFileStore(dir).getTotalSpace(), total[0] * sectors[0], "blocks of f_bsize bytes");
+        assertTrue(free[0] >= dir.toFile().getUsableSpace() / sectors[0] && free[0] <= total[0], "free: " + free[0]);
         assertFalse(NativeLDM.NativeGetDiskFreeSpace(dir + BAD, sectors, bytesPerSector, free, total));
 
         Path a = Files.writeString(dir.resolve("a"), "from a"), b = Files.writeString(dir.resolve("b"), "old b");
         assertTrue(NativeLDM.NativeMoveFile(a.toString(), b.toString()));
         assertEquals("from a", Files.readString(b), "the target is replaced");
         assertFalse(NativeLDM.NativeMoveFile(b.toString(), a + BAD));
-        assertTrue(NativeLDM.NativeSetEndOfFile(b.toString(), 8));
-        assertEquals("from a\0\0", Files.readString(b));
         assertTrue(NativeLDM.NativeSetEndOfFile(b.toString(), 2));
         assertFalse(NativeLDM.NativeSetEndOfFile(b + BAD, 0), "its prefix names b");
         assertEquals("fr", Files.readString(b));
@@ -106,9 +104,13 @@ class DriveHelperTest {
     }
 
     @Test
-    void versionMatchesExactly() {
+    void versionMatchesExactlyAndInitializeReportsLevel12() {
         assertTrue(NativeLDM.NativeCheckVersion("2.0.0b"));
         for (String other : new String[] {"2.0.0B", " 2.0.0b", "2.0.0", "2.0.0bb", "", "2.0.0b\0", "2.0.0b" + BAD})
             assertFalse(NativeLDM.NativeCheckVersion(other), other);
+        int[] err = {99}, level = {0};
+        assertTrue(NativeLDM.m_native_initialize(err, level));
+        assertEquals(12, level[0]);
+        assertEquals(99, err[0], "initialize leaves the error array");
     }
 }
