@@ -156,11 +156,6 @@ std::int32_t c_locked_counter::increment() {
     return ++value;
 }
 
-std::int32_t c_locked_counter::decrement() {
-    c_mutex_lock lock(mutex);
-    return --value;
-}
-
 }  // namespace kor::jni
 
 // ---- library hooks -----------------------------------------------------------------------------

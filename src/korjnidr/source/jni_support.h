@@ -273,7 +273,6 @@ public:
     struct static_init_t {};
     constexpr explicit c_locked_counter(static_init_t) noexcept : mutex(c_mutex::static_init_t{}) {}
     std::int32_t increment();
-    std::int32_t decrement();
 
 private:
     std::int32_t value = 0;
