@@ -86,7 +86,7 @@ public final class DispatchBench {
                 i -> bench.floor(null, owner, Rdpesc.TRANSMIT, transmit, transmit.length).length, CALLS),
                 BenchTable.Kind.TIME, 0, "bound");
         NativeLDM.m_native_scard_close(new int[1], owner);
-        System.out.println("(sink " + (BenchTable.sink() & 1) + ")");
+        if (BenchTable.sink() == Long.MIN_VALUE) System.out.println("(sink)");  // keeps the results observable
     }
 
     private static void row(NativeLDM ldm, DispatchBench bench, int owner, int code, byte[] request, String path,
