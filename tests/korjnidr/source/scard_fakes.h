@@ -109,67 +109,63 @@ inline std::string reader_states(SCARD_READERSTATE* states, DWORD n) {
 // A service whose entries are these fakes, except those named in `missing`.
 inline c_scard_service* fake_service(const std::set<std::string>& missing = {}) {
     auto* s = new c_scard_service();
-    auto put = [&](auto& entry, const char* name, auto fake) { entry = missing.count(name) ? nullptr : +fake; };
-    put(s->SCardEstablishContext, "SCardEstablishContext", [](DWORD scope, LPCVOID r1, LPCVOID r2, LPSCARDCONTEXT c) {
+    const auto put = [&](auto& entry, const char* name, auto fake) {
+        entry = fake;
+        if (missing.count(name)) entry = nullptr;
+    };
+    put(s->SCardEstablishContext, "SCardEstablishContext", [](auto scope, auto r1, auto r2, auto c) {
         *c = static_cast<SCARDCONTEXT>(g_script.handle);
         return note("SCardEstablishContext scope reserved", scope, given(r1) + "/" + given(r2));
     });
-    put(s->SCardReleaseContext, "SCardReleaseContext", [](SCARDCONTEXT c) { return note("SCardReleaseContext ctx", c); });
-    put(s->SCardIsValidContext, "SCardIsValidContext", [](SCARDCONTEXT c) { return note("SCardIsValidContext ctx", c); });
-    put(s->SCardCancel, "SCardCancel", [](SCARDCONTEXT c) { return note("SCardCancel ctx", c); });
-    put(s->SCardListReaderGroups, "SCardListReaderGroups", [](SCARDCONTEXT c, LPSTR out, LPDWORD n) {
+    put(s->SCardReleaseContext, "SCardReleaseContext", [](auto c) { return note("SCardReleaseContext ctx", c); });
+    put(s->SCardIsValidContext, "SCardIsValidContext", [](auto c) { return note("SCardIsValidContext ctx", c); });
+    put(s->SCardCancel, "SCardCancel", [](auto c) { return note("SCardCancel ctx", c); });
+    put(s->SCardListReaderGroups, "SCardListReaderGroups", [](auto c, auto out, auto n) {
         return give(note("SCardListReaderGroups ctx out", c, out_arg(out, *n)), out, *n, n);
     });
-    put(s->SCardListReaders, "SCardListReaders", [](SCARDCONTEXT c, LPCSTR groups, LPSTR out, LPDWORD n) {
+    put(s->SCardListReaders, "SCardListReaders", [](auto c, auto groups, auto out, auto n) {
         return give(note("SCardListReaders ctx groups out", c, given(groups), out_arg(out, *n)), out, *n, n);
     });
-    put(s->SCardConnect, "SCardConnect", [](SCARDCONTEXT c, LPCSTR reader, DWORD share, DWORD protocols,
-                                            LPSCARDHANDLE card, LPDWORD active) {
+    put(s->SCardConnect, "SCardConnect", [](auto c, auto reader, auto share, auto protocols, auto card, auto active) {
         *card = static_cast<SCARDHANDLE>(g_script.handle), *active = g_script.protocol;
         return note("SCardConnect ctx reader share protocols", c, text(reader), share, protocols);
     });
-    put(s->SCardReconnect, "SCardReconnect", [](SCARDHANDLE card, DWORD share, DWORD protocols, DWORD init,
-                                                LPDWORD active) {
+    put(s->SCardReconnect, "SCardReconnect", [](auto card, auto share, auto protocols, auto init, auto active) {
         *active = g_script.protocol;
         return note("SCardReconnect card share protocols init", card, share, protocols, init);
     });
     put(s->SCardDisconnect, "SCardDisconnect",
-        [](SCARDHANDLE card, DWORD d) { return note("SCardDisconnect card disposition", card, d); });
+        [](auto card, auto d) { return note("SCardDisconnect card disposition", card, d); });
     put(s->SCardBeginTransaction, "SCardBeginTransaction",
-        [](SCARDHANDLE card) { return note("SCardBeginTransaction card", card); });
+        [](auto card) { return note("SCardBeginTransaction card", card); });
     put(s->SCardEndTransaction, "SCardEndTransaction",
-        [](SCARDHANDLE card, DWORD d) { return note("SCardEndTransaction card disposition", card, d); });
+        [](auto card, auto d) { return note("SCardEndTransaction card disposition", card, d); });
     // The name is out's bytes, NUL included; state 0x34, the script's protocol, the ATR 3B 00 00.
-    put(s->SCardStatus, "SCardStatus", [](SCARDHANDLE card, LPSTR names, LPDWORD cch, LPDWORD state,
-                                          LPDWORD protocol, LPBYTE atr, LPDWORD atr_len) {
-        const LONG r = give(note("SCardStatus card out atr_len", card, out_arg(names, *cch), len(*atr_len)), names,
-                            *cch, cch);
-        if (r) return r;
-        *state = 0x34, *protocol = g_script.protocol, *atr_len = 3;
+    put(s->SCardStatus, "SCardStatus", [](auto card, auto names, auto cch, auto state, auto proto, auto atr, auto n) {
+        const LONG r = note("SCardStatus card out atr_len", card, out_arg(names, *cch), len(*n));
+        if (const LONG answer = give(r, names, *cch, cch)) return answer;
+        *state = 0x34, *proto = g_script.protocol, *n = 3;
         std::memcpy(atr, "\x3B\0\0", 3);
         return LONG{0};
     });
-    put(s->SCardGetStatusChange, "SCardGetStatusChange",
-        [](SCARDCONTEXT c, DWORD timeout, SCARD_READERSTATE* states, DWORD n) {
-            return note("SCardGetStatusChange ctx timeout readers states", c, timeout, len(n), reader_states(states, n));
-        });
-    put(s->SCardControl, "SCardControl", [](SCARDHANDLE card, DWORD code, LPCVOID in, DWORD in_len, LPVOID out,
-                                            DWORD out_len, LPDWORD returned) {
-        const LONG r = note("SCardControl card code in in_len out", card, code, octets(in, in_len), len(in_len),
-                            out_arg(out, out_len));
-        return give(r, out, out_len, returned);
+    put(s->SCardGetStatusChange, "SCardGetStatusChange", [](auto c, auto timeout, auto states, auto n) {
+        return note("SCardGetStatusChange ctx timeout readers states", c, timeout, len(n), reader_states(states, n));
     });
-    put(s->SCardTransmit, "SCardTransmit", [](SCARDHANDLE card, const SCARD_IO_REQUEST* pci, LPCBYTE send,
-                                              DWORD send_len, SCARD_IO_REQUEST* recv_pci, LPBYTE recv,
-                                              LPDWORD recv_len) {
+    put(s->SCardControl, "SCardControl", [](auto card, auto code, auto in, auto in_len, auto out, auto room, auto n) {
+        return give(note("SCardControl card code in in_len out", card, code, octets(in, in_len), len(in_len),
+                         out_arg(out, room)),
+                    out, room, n);
+    });
+    put(s->SCardTransmit, "SCardTransmit", [](auto card, auto pci, auto send, auto send_len, auto recv_pci, auto out,
+                                              auto n) {
         const std::string extra = g_script.pci_extra ? " " + octets(pci + 1, g_script.pci_extra) : "";
         const LONG r = note("SCardTransmit card pci send send_len recv_pci out", card,
                             hex(pci->dwProtocol) + "/" + len(pci->cbPciLength) + extra, octets(send, send_len),
-                            len(send_len), given(recv_pci), out_arg(recv, *recv_len));
-        return give(r, recv, *recv_len, recv_len);
+                            len(send_len), given(recv_pci), out_arg(out, *n));
+        return give(r, out, *n, n);
     });
     put(s->SCardGetAttrib, "SCardGetAttrib", get_attrib);
-    put(s->SCardSetAttrib, "SCardSetAttrib", [](SCARDHANDLE card, DWORD attr, LPCBYTE v, DWORD n) {
+    put(s->SCardSetAttrib, "SCardSetAttrib", [](auto card, auto attr, auto v, auto n) {
         return note("SCardSetAttrib card attr value", card, attr, octets(v, n));
     });
     return s;
