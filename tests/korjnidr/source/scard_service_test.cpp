@@ -16,7 +16,13 @@ protected:
         standin_reset();
     }
     void TearDown() override { EXPECT_EQ(g_scard_service.load(), nullptr) << "a use was not given back"; }
-    static std::uint32_t establish(std::int32_t owner) { return u32_at(call(20, request().u32s({2}).build(), owner), 32); }
+    // The wire handle of a new context of `owner`, which PC/SC numbers `pcsc`.
+    static std::uint32_t establish(std::int32_t owner, SCARDCONTEXT pcsc = 0x5000) {
+        c_script script;
+        script.handle = pcsc;
+        standin_reset(script);
+        return u32_at(call(20, request().u32s({2}).build(), owner), 32);
+    }
 };
 
 TEST_F(scard_service_life, owners_share_one_service_and_a_rebuilt_one_numbers_from_1) {
@@ -42,8 +48,8 @@ TEST_F(scard_service_life, owners_share_one_service_and_a_rebuilt_one_numbers_fr
 
 TEST_F(scard_service_life, closing_an_owner_cancels_then_releases_its_contexts_in_order) {
     const std::int32_t a = scard_get_owner_id(), b = scard_get_owner_id(), idle = scard_get_owner_id();
-    const std::uint32_t a1 = establish(a), b1 = establish(b);  // 0xc0000001, 0xc0000002
-    establish(a);                                              // 0xc0000003
+    const std::uint32_t a1 = establish(a, 0xc0000001), b1 = establish(b, 0xc0000002);
+    establish(a, 0xc0000003);
     c_scard_service& s = *g_scard_service.load();
     const std::uint32_t a_card = s.add_card(a, 0xca00000a), b_card = s.add_card(b, 0xca00000b);
     s.add_reader(0xca00000a, 1, "A");
@@ -51,8 +57,8 @@ TEST_F(scard_service_life, closing_an_owner_cancels_then_releases_its_contexts_i
     standin_reset();
     scard_cancel_pending(idle);
     scard_cancel_pending(a);
-    EXPECT_STREQ(standin_calls(), "SCardCancel ctx=0xc0000001\nSCardReleaseContext ctx=0xc0000001\n"
-                                  "SCardCancel ctx=0xc0000003\nSCardReleaseContext ctx=0xc0000003");
+    EXPECT_EQ(standin_calls(), (std::vector<std::string>{"SCardCancel ctx=0xc0000001", "SCardReleaseContext ctx=0xc0000001",
+                                                         "SCardCancel ctx=0xc0000003", "SCardReleaseContext ctx=0xc0000003"}));
     EXPECT_EQ(s.find_context(a1), k_no_handle);
     EXPECT_EQ(s.find_card(a_card), k_no_handle);  // dropped, not disconnected, with its reader record
     ASSERT_EQ(s.card_readers.size(), 1u);

@@ -1,5 +1,5 @@
 // Helpers for C++ tests of the smart card channel: a request builder, one call through the
-// dispatcher, reply readers, and the scripted PC/SC stand-in (tests/pcsc_standin).
+// dispatcher, reply readers, and the scripted PC/SC stand-in (scard_fakes.h).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,11 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "scard_fakes.h"
 #include "scard_handler.h"
 
 namespace scard_test {
-
-using bytes = std::vector<std::uint8_t>;
 
 // A request: the 16-byte type-serialization header (ObjectBufferLength filled in by build), then
 // the fields the test appends.
@@ -58,14 +57,6 @@ inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) 
     kor::jni::c_ndr_writer out;
     kor::jni::scard_dispatch(owner, code, in, out);
     return reply_bytes(out);
-}
-
-// The scripted PC/SC stand-in (tests/pcsc_standin), linked into the test binaries.
-extern "C" {
-void standin_reset();
-void standin_block();
-const char* standin_calls();
-int standin_wait_blocked(int n, int ms);
 }
 
 }  // namespace scard_test
