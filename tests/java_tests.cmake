@@ -5,7 +5,7 @@ korjnidr_java_test(DriveDescriptorTest SANITIZED)
 korjnidr_java_test(DriveHelperTest SANITIZED)
 korjnidr_java_test(DrivePermissionTest WRAPPER bash ${CMAKE_CURRENT_SOURCE_DIR}/as_unprivileged.sh)
 # Smart card entry points against the PC/SC stand-in variants (tests/pcsc_standin).
-korjnidr_java_test(ScardStandinTest SANITIZED ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/context)
+korjnidr_java_test(ScardStandinTest SANITIZED ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/full)
 korjnidr_java_test(ScardLoadFailureTest ENV LD_LIBRARY_PATH=${KORJNIDR_STANDIN_DIR}/broken)
 # Against pcscd with a virtual card (ctest -L realstack); one pcscd at a time.
 korjnidr_java_test(RealStackTest LABELS realstack WRAPPER bash ${CMAKE_CURRENT_SOURCE_DIR}/realstack/with_pcscd.sh)

@@ -2,13 +2,12 @@
 // under ThreadSanitizer (korjnidr_scard_tsan).
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "scard_test_support.h"
+#include "scard_fakes.h"
 
 namespace {
 
@@ -23,7 +22,7 @@ bytes dispatch_with_use(std::int32_t owner, std::uint32_t code, const bytes& req
 
 TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
     ASSERT_EQ(g_scard_service.load(), nullptr);
-    standin_reset();
+    const int before[3] = {standin_counts[0], standin_counts[1], standin_counts[2]};
     std::atomic<int> established{0}, failures{0};
     std::atomic<bool> stop{false};
     std::vector<std::thread> owners;
@@ -49,35 +48,33 @@ TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
     EXPECT_EQ(failures.load(), 0);
     EXPECT_EQ(g_scard_service.load(), nullptr);
     // Every owner's close cancelled and released its context, exactly once.
-    const std::vector<std::string> calls = standin_calls();
-    for (const std::string f : {"SCardEstablishContext ", "SCardCancel ", "SCardReleaseContext "}) {
-        const auto n = std::count_if(calls.begin(), calls.end(), [&](const std::string& c) { return c.rfind(f, 0) == 0; });
-        EXPECT_EQ(n, established.load()) << f;
-    }
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(standin_counts[i] - before[i], established.load()) << "EstablishContext, Cancel, ReleaseContext: " << i;
 }
 
-// Closing `other` thrice gives back its use once: the blocked call keeps its service.
+// Closing `other` thrice gives back its use once: the blocked call (a fake) keeps its service.
 TEST(scard_concurrency, closing_the_last_owner_ends_a_blocked_call_which_then_tears_down) {
     ASSERT_EQ(g_scard_service.load(), nullptr);
+    const std::int32_t owner = scard_get_owner_id(), other = scard_get_owner_id();
+    put_fakes(g_scard_service.load());
     c_script script;
     script.wait = true;
-    standin_reset(script);
-    const std::int32_t owner = scard_get_owner_id(), other = scard_get_owner_id();
+    reset_fakes(script);
     const std::uint32_t wire = u32_at(call(20, request().u32s({2}).build(), owner), 32);
     bytes reply;  // GetStatusChangeA: context, infinite time-out, no reader states, the context's array
     std::thread blocked([&] {
         reply = dispatch_with_use(owner, 160, request().u32s({4, 1, 0xFFFFFFFF, 0, 0, 4, wire}).build());
     });
-    ASSERT_TRUE(standin_wait_blocked(10000));
+    ASSERT_TRUE(wait_blocked(10000));
     for (int i = 0; i < 3; ++i) scard_cancel_pending(other);
     const bool torn_down = g_scard_service.load() == nullptr;
     EXPECT_FALSE(torn_down) << "the service went while a call was inside PC/SC";
-    if (torn_down) SCardCancel(0x5000);  // ends the blocked call: fail rather than hang
+    if (torn_down) ending("SCardCancel ctx", 0x5000);  // ends the blocked call: fail rather than hang
     scard_cancel_pending(owner);  // SCardCancel wakes the blocked call; its use keeps the service
     blocked.join();
     EXPECT_EQ(u32_at(reply, 16), 0x80100002u);  // SCARD_E_CANCELLED, as PC/SC answered
     EXPECT_EQ(g_scard_service.load(), nullptr);
-    EXPECT_EQ(standin_calls().back(), "SCardReleaseContext ctx=0x5000");
+    EXPECT_EQ(g_calls.back(), "SCardReleaseContext ctx=0x5000");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The smart card handlers, call by call, against the PC/SC stand-in: each case of the data files
+// The smart card handlers, call by call, against the PC/SC fakes: each case of the data files
 // tests/data/scard/*.cases (format in tests/data/scard/README) gives a request, how PC/SC answers,
 // the PC/SC calls expected and the reply expected byte for byte.
 #include <malloc.h>
@@ -7,39 +7,17 @@
 #include <fstream>
 #include <map>
 #include <regex>
-#include <set>
-#include <sstream>
 
-#include "scard_test_support.h"
+#include "scard_fakes.h"
 
 namespace {
 
 using namespace scard_test;
-using namespace kor::jni;
 
-// A service of its own whose entries are the stand-in's, except those named in `missing`.
+// A service of the case file's own whose entries are the fakes, except those named in `missing`.
 c_scard_service* fake_service(const std::set<std::string>& missing = {}) {
     auto* s = new c_scard_service();
-    const auto put = [&](auto& entry, auto fake, const char* name) { entry = missing.count(name) ? nullptr : fake; };
-#define KORJNIDR_PUT(name) put(s->name, ::name, #name)
-    KORJNIDR_PUT(SCardEstablishContext);
-    KORJNIDR_PUT(SCardReleaseContext);
-    KORJNIDR_PUT(SCardIsValidContext);
-    KORJNIDR_PUT(SCardConnect);
-    KORJNIDR_PUT(SCardReconnect);
-    KORJNIDR_PUT(SCardDisconnect);
-    KORJNIDR_PUT(SCardBeginTransaction);
-    KORJNIDR_PUT(SCardEndTransaction);
-    KORJNIDR_PUT(SCardStatus);
-    KORJNIDR_PUT(SCardGetStatusChange);
-    KORJNIDR_PUT(SCardControl);
-    KORJNIDR_PUT(SCardTransmit);
-    KORJNIDR_PUT(SCardListReaderGroups);
-    KORJNIDR_PUT(SCardListReaders);
-    KORJNIDR_PUT(SCardCancel);
-    KORJNIDR_PUT(SCardGetAttrib);
-    KORJNIDR_PUT(SCardSetAttrib);
-#undef KORJNIDR_PUT
+    put_fakes(s, missing);
     return s;
 }
 
@@ -146,7 +124,7 @@ struct c_case {
     void run() const {
         SCOPED_TRACE("line " + std::to_string(line) + ": " + title);
         ASSERT_TRUE(no_reply || !error.empty() || !reply.empty()) << "no reply line";
-        standin_reset(script);
+        reset_fakes(script);
         bytes got, expected = reply;
         std::string failure;
         const long long heap = heap_in_use();
@@ -161,7 +139,7 @@ struct c_case {
         while (expected.size() % 8) expected.push_back(0);
         if (!reply.empty()) expected = scard_test::request().raw(expected).build();  // a reply's header has this form
         EXPECT_EQ(octets(got.data(), got.size()), octets(expected.data(), expected.size()));
-        EXPECT_EQ(standin_calls(), pcsc);
+        EXPECT_EQ(g_calls, pcsc);
     }
 };
 

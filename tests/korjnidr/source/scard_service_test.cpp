@@ -1,8 +1,8 @@
-// Life of the card service against the PC/SC stand-in: owner ids, build and teardown, and what
-// closing an owner does.
+// Life of the card service against the PC/SC stand-in (and the fakes where calls are checked):
+// owner ids, build and teardown, and what closing an owner does.
 #include <gtest/gtest.h>
 
-#include "scard_test_support.h"
+#include "scard_fakes.h"
 
 namespace {
 
@@ -11,16 +11,11 @@ using namespace kor::jni;
 
 class scard_service_life : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(g_scard_service.load(), nullptr);
-        standin_reset();
-    }
+    void SetUp() override { ASSERT_EQ(g_scard_service.load(), nullptr); }
     void TearDown() override { EXPECT_EQ(g_scard_service.load(), nullptr) << "a use was not given back"; }
-    // The wire handle of a new context of `owner`, which PC/SC numbers `pcsc`.
-    static std::uint32_t establish(std::int32_t owner, SCARDCONTEXT pcsc = 0x5000) {
-        c_script script;
-        script.handle = pcsc;
-        standin_reset(script);
+    // A new context of `owner`: its wire handle. Fakes in place give it the PC/SC handle `pcsc`.
+    static std::uint32_t establish(std::int32_t owner, std::uint64_t pcsc = 0) {
+        g_script.handle = pcsc;
         return u32_at(call(20, request().u32s({2}).build(), owner), 32);
     }
 };
@@ -48,17 +43,19 @@ TEST_F(scard_service_life, owners_share_one_service_and_a_rebuilt_one_numbers_fr
 
 TEST_F(scard_service_life, closing_an_owner_cancels_then_releases_its_contexts_in_order) {
     const std::int32_t a = scard_get_owner_id(), b = scard_get_owner_id(), idle = scard_get_owner_id();
+    c_scard_service& s = *g_scard_service.load();
+    put_fakes(&s);
+    reset_fakes();
     const std::uint32_t a1 = establish(a, 0xc0000001), b1 = establish(b, 0xc0000002);
     establish(a, 0xc0000003);
-    c_scard_service& s = *g_scard_service.load();
     const std::uint32_t a_card = s.add_card(a, 0xca00000a), b_card = s.add_card(b, 0xca00000b);
     s.add_reader(0xca00000a, 1, "A");
     s.add_reader(0xca00000b, 1, "B");
-    standin_reset();
+    g_calls.clear();
     scard_cancel_pending(idle);
     scard_cancel_pending(a);
-    EXPECT_EQ(standin_calls(), (std::vector<std::string>{"SCardCancel ctx=0xc0000001", "SCardReleaseContext ctx=0xc0000001",
-                                                         "SCardCancel ctx=0xc0000003", "SCardReleaseContext ctx=0xc0000003"}));
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"SCardCancel ctx=0xc0000001", "SCardReleaseContext ctx=0xc0000001",
+                                                 "SCardCancel ctx=0xc0000003", "SCardReleaseContext ctx=0xc0000003"}));
     EXPECT_EQ(s.find_context(a1), k_no_handle);
     EXPECT_EQ(s.find_card(a_card), k_no_handle);  // dropped, not disconnected, with its reader record
     ASSERT_EQ(s.card_readers.size(), 1u);

@@ -1,18 +1,20 @@
 // Helpers for C++ tests of the smart card channel: a request builder, one call through the
-// dispatcher, reply readers, and the scripted PC/SC stand-in (scard_fakes.h).
+// dispatcher, reply readers, and the PC/SC stand-in's counts (tests/pcsc_standin).
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <vector>
 
-#include "scard_fakes.h"
 #include "scard_handler.h"
 
 namespace scard_test {
+
+using bytes = std::vector<std::uint8_t>;
 
 // A request: the 16-byte type-serialization header (ObjectBufferLength filled in by build), then
 // the fields the test appends.
@@ -58,5 +60,9 @@ inline bytes call(std::uint32_t code, const bytes& req, std::int32_t owner = 1) 
     kor::jni::scard_dispatch(owner, code, in, out);
     return reply_bytes(out);
 }
+
+// Calls of EstablishContext, Cancel and ReleaseContext that reached the PC/SC stand-in
+// (tests/pcsc_standin), linked into the test binaries.
+extern "C" std::atomic<int> standin_counts[3];
 
 }  // namespace scard_test

@@ -6,8 +6,8 @@ import static org.junit.jupiter.api.Assertions.*;
 import org.junit.jupiter.api.*;
 
 /**
- * The smart card entry points against the scripted PC/SC stand-in (LD_LIBRARY_PATH selects its
- * variant that exports the context calls and SCardConnect and lacks every other entry).
+ * The smart card entry points against the scripted PC/SC stand-in (LD_LIBRARY_PATH selects it),
+ * which has the context calls and SCardConnect and lacks every other entry.
  */
 class ScardStandinTest {
     private static final NativeLDM ldm = new NativeLDM();
@@ -35,7 +35,8 @@ class ScardStandinTest {
                 NativeLDM.NativeSmart(id[0], (short) 0x14, (short) 0x7777, ESTABLISH, ESTABLISH.length));
         assertEquals(1, established.at(32), "the first wire handle");
         byte[] connect = Rdpesc.call().u32(1, 4, 1, 2, 2).stringA("R").handle(1).build();
-        assertEquals(0, Rdpesc.reply(process(id[0], Rdpesc.CONNECT_A, connect)).result(), "the stand-in connects");
+        assertEquals(0x8010002E, Rdpesc.reply(process(id[0], Rdpesc.CONNECT_A, connect)).result(),
+                "the stand-in's SCARD_E_NO_READERS_AVAILABLE");
         byte[] list = Rdpesc.call().u32(4, 1, 0, 0, 0, 100).handle(1).build();
         assertEquals(120, Rdpesc.reply(process(id[0], Rdpesc.LIST_READERS_A, list)).result(), "a missing entry");
         assertTrue(NativeLDM.m_native_scard_close(err, id[0]));
