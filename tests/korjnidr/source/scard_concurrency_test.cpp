@@ -56,10 +56,10 @@ TEST(scard_concurrency, owners_and_dispatches_race_without_losing_the_service) {
 TEST(scard_concurrency, closing_the_last_owner_ends_a_blocked_call_which_then_tears_down) {
     ASSERT_EQ(g_scard_service.load(), nullptr);
     const std::int32_t owner = scard_get_owner_id(), other = scard_get_owner_id();
-    put_fakes(g_scard_service.load());
-    c_script script;
-    script.wait = true;
-    reset_fakes(script);
+    with_fakes(g_scard_service.load());
+    g_script = c_script{};
+    g_script.wait = true;
+    g_calls.clear();
     const std::uint32_t wire = u32_at(call(20, request().u32s({2}).build(), owner), 32);
     bytes reply;  // GetStatusChangeA: context, infinite time-out, no reader states, the context's array
     std::thread blocked([&] {

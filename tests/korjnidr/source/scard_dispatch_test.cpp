@@ -14,13 +14,6 @@ namespace {
 
 using namespace scard_test;
 
-// A service of the case file's own whose entries are the fakes, except those named in `missing`.
-c_scard_service* fake_service(const std::set<std::string>& missing = {}) {
-    auto* s = new c_scard_service();
-    put_fakes(s, missing);
-    return s;
-}
-
 // Words of a line; [...], {...} and "..." stay whole.
 std::vector<std::string> words(const std::string& line) {
     static const std::regex word(R"([^\s"\[{]*(\[[^\]]*\]|\{[^}]*\}|"[^"]*")|\S+)");
@@ -124,7 +117,8 @@ struct c_case {
     void run() const {
         SCOPED_TRACE("line " + std::to_string(line) + ": " + title);
         ASSERT_TRUE(no_reply || !error.empty() || !reply.empty()) << "no reply line";
-        reset_fakes(script);
+        g_script = script;
+        g_calls.clear();
         bytes got, expected = reply;
         std::string failure;
         const long long heap = heap_in_use();
@@ -171,8 +165,8 @@ void read_line(const std::string& text, int line_no, c_case& pending, bool& have
     if (have_case) pending.run();
     have_case = key == "--";
     if (key == "--") pending = c_case{}, pending.line = line_no, pending.title = rest;
-    if (key == "==") delete g_scard_service.exchange(fake_service());
-    if (key == "missing") delete g_scard_service.exchange(fake_service(std::set<std::string>(w.begin() + 1, w.end())));
+    if (key == "==") delete g_scard_service.exchange(with_fakes(new c_scard_service()));
+    if (key == "missing") with_fakes(&scard_service(), std::set<std::string>(w.begin() + 1, w.end()));
     const auto owner = [&] { return static_cast<std::int32_t>(arg(1)); };
     if (key == "context") scard_service().add_context(owner(), static_cast<SCARDCONTEXT>(arg(2)));
     if (key == "card") scard_service().add_card(owner(), static_cast<SCARDHANDLE>(arg(2)));

@@ -38,11 +38,6 @@ inline std::condition_variable g_calls_changed;
 inline std::multiset<SCARDCONTEXT> g_ended;  // a context per Cancel or ReleaseContext of it
 inline int g_waiting = 0;                    // GetStatusChange calls waiting
 
-inline void reset_fakes(c_script script = {}) {
-    g_script = std::move(script);
-    g_calls.clear();
-}
-
 inline std::string hex(std::uint64_t v) {
     char b[24];
     std::snprintf(b, sizeof b, "0x%llx", static_cast<unsigned long long>(v));
@@ -149,8 +144,8 @@ inline std::string reader_states(SCARD_READERSTATE* states, DWORD n) {
     return s;
 }
 
-// Makes these fakes the entries of `s`, except those named in `missing`.
-inline void put_fakes(c_pcsc_api* s, const std::set<std::string>& missing = {}) {
+// Makes these fakes the entries of `s`, except those named in `missing`; returns `s`.
+inline c_scard_service* with_fakes(c_scard_service* s, const std::set<std::string>& missing = {}) {
     const auto put = [&](auto& entry, const char* name, auto fake) {
         entry = fake;
         if (missing.count(name)) entry = nullptr;
@@ -211,6 +206,7 @@ inline void put_fakes(c_pcsc_api* s, const std::set<std::string>& missing = {}) 
     put(s->SCardSetAttrib, "SCardSetAttrib", [](auto card, auto attr, auto v, auto n) {
         return note("SCardSetAttrib card attr value", card, attr, octets(v, n));
     });
+    return s;
 }
 
 }  // namespace scard_test

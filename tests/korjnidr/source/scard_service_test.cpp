@@ -44,8 +44,8 @@ TEST_F(scard_service_life, owners_share_one_service_and_a_rebuilt_one_numbers_fr
 TEST_F(scard_service_life, closing_an_owner_cancels_then_releases_its_contexts_in_order) {
     const std::int32_t a = scard_get_owner_id(), b = scard_get_owner_id(), idle = scard_get_owner_id();
     c_scard_service& s = *g_scard_service.load();
-    put_fakes(&s);
-    reset_fakes();
+    with_fakes(&s);
+    g_script = c_script{};
     const std::uint32_t a1 = establish(a, 0xc0000001), b1 = establish(b, 0xc0000002);
     establish(a, 0xc0000003);
     const std::uint32_t a_card = s.add_card(a, 0xca00000a), b_card = s.add_card(b, 0xca00000b);
